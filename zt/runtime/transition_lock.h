@@ -1,0 +1,42 @@
+/// @file
+/// A lock for a few instructions that signal handlers may run into. Internal to the runtime.
+///
+/// A handler that interrupts the owner is told so instead of waiting for ever for the code below it.
+#ifndef ZT_RUNTIME_TRANSITION_LOCK_H
+#define ZT_RUNTIME_TRANSITION_LOCK_H
+
+#include <pthread.h>
+#include <sched.h>
+
+#include <atomic>
+
+namespace zt {
+
+/// Spins, giving the processor away: nobody holds it longer than a few system calls. Async-signal-safe,
+/// constant-initialised, never destroyed.
+class TransitionLock {
+  public:
+    /// Waits for the lock and takes it.
+    /// @return false, without the lock, when this thread already has it: a signal handler interrupted it.
+    bool enter() noexcept
+    {
+        const pthread_t self = pthread_self();
+        pthread_t owner{};
+        while (!owner_.compare_exchange_weak(owner, self)) {
+            if (owner == self) return false;
+            if (owner != pthread_t{}) sched_yield();
+            owner = pthread_t{};
+        }
+        return true;
+    }
+
+    /// Gives the lock back after an enter() that returned true.
+    void leave() noexcept { owner_.store(pthread_t{}); }
+
+  private:
+    std::atomic<pthread_t> owner_{};
+};
+
+}  // namespace zt
+
+#endif

@@ -2,7 +2,7 @@
 /// The trace: lines that tell what the library does, on standard error or in a file.
 ///
 /// Lines go to standard error, or are appended to the file that the environment variable ZT_TRACE_FILE
-/// names. A file that cannot be opened falls back to standard error.
+/// names. What a file cannot take (it cannot be opened, the disk is full) goes to standard error instead.
 ///
 /// - The variable is read once, at the first trace line of the process, and remembered: a signal handler
 ///   that interrupts a change of the environment, or a thread that looks while another changes it, would
@@ -48,7 +48,8 @@ ZT_API int zt_trace_msg(const char* format, ...) ZT_PRINTF(1, 2);
 /// @param zero   reserved, 0; ignored.
 /// @param data   the bytes; null is allowed only with length 0.
 /// @param length their number; 0 writes nothing.
-/// @return the characters written; negative for a negative length or null data (nothing is written), or
+/// @return the characters written, INT_MAX when there are more; negative for a negative length or null data
+/// (nothing is written), or
 ///         when writing failed.
 ZT_API int zt_trace_buffer(int zero, const void* data, int length);
 

@@ -75,14 +75,7 @@ class Table {
     Entry* newest_ = nullptr;
 };
 
-/// A lock that is never destroyed, since objects may still be closed while the process ends.
-union EverlastingLock {
-    constexpr EverlastingLock() : lock() {}
-    ~EverlastingLock() {}
-    zt::Mtx lock;
-};
-
-constinit EverlastingLock registry_lock;
+constinit zt::Mtx registry_lock;
 constinit Table table;
 constinit bool changing = false;
 
@@ -93,7 +86,7 @@ constinit std::atomic<pid_t> owner{0};
 /// have left the table half changed.
 void start_afresh()
 {
-    new (&registry_lock.lock) zt::Mtx;
+    new (&registry_lock) zt::Mtx;
     if (changing) table.forget_all();
     changing = false;
 }
@@ -117,9 +110,9 @@ class Locked {
     Locked()
     {
         adopt_registry();
-        registry_lock.lock.lock();
+        registry_lock.lock();
     }
-    ~Locked() { registry_lock.lock.unlock(); }
+    ~Locked() { registry_lock.unlock(); }
     Locked(const Locked&) = delete;
     Locked& operator=(const Locked&) = delete;
 };

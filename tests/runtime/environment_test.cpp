@@ -1,0 +1,266 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <zt/runtime/environment.h>
+#include <zt/runtime/memory.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define UNDER_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define UNDER_SANITIZER 1
+#endif
+#endif
+#ifndef UNDER_SANITIZER
+#define UNDER_SANITIZER 0
+#endif
+
+namespace {
+
+using Entries = std::vector<std::string>;
+
+/// The entries as a vector with a null pointer at its end.
+class Vector {
+  public:
+    explicit Vector(const Entries& entries) : entries_(entries)
+    {
+        for (std::string& entry : entries_) pointers_.push_back(entry.data());
+        pointers_.push_back(nullptr);
+    }
+    char** get() { return pointers_.data(); }
+    std::string& text(size_t i) { return entries_[i]; }
+
+  private:
+    Entries entries_;
+    std::vector<char*> pointers_;
+};
+
+class Environment : public ::testing::Test {
+  protected:
+    void SetUp() override { bytes_before_ = zt_heapsize_class(2); }
+
+    void TearDown() override
+    {
+        environ = saved_;
+        EXPECT_EQ(zt_heapsize_class(2), bytes_before_);
+    }
+
+    static Entries take(char** combined)
+    {
+        Entries entries;
+        for (char** entry = combined; *entry; ++entry) entries.emplace_back(*entry);
+        zt_mem_ifree(2, combined, __FILE__, __LINE__);
+        return entries;
+    }
+
+    static Entries combine(const Entries& envp, int merge)
+    {
+        Vector vector(envp);
+        char** combined = nullptr;
+        errno = 4711;
+        EXPECT_EQ(zt_combine_environs(vector.get(), merge, &combined), 0);
+        EXPECT_EQ(errno, 4711);
+        return combined ? take(combined) : Entries{"failed"};
+    }
+
+    static Entries merge_into(const Entries& current, const Entries& envp)
+    {
+        Vector vector(current);
+        environ = vector.get();
+        const Entries result = combine(envp, 1);
+        environ = nullptr;
+        return result;
+    }
+
+  private:
+    char** const saved_ = environ;
+    long bytes_before_ = 0;
+};
+
+TEST_F(Environment, AVariableIsFound)
+{
+    Vector current({"ONE=1", "EMPTY=", "EQUATION=a=b"});
+    environ = current.get();
+    EXPECT_STREQ(zt_getenv("ONE"), "1");
+    EXPECT_STREQ(zt_getenv("EMPTY"), "");
+    EXPECT_STREQ(zt_getenv("EQUATION"), "a=b");
+    EXPECT_EQ(zt_getenv("ON"), nullptr);
+    EXPECT_EQ(zt_getenv("one"), nullptr);
+}
+
+TEST_F(Environment, NoNameNamesNoVariable)
+{
+    Vector current({"A=B=C", "=x"});
+    environ = current.get();
+    EXPECT_EQ(zt_getenv(nullptr), nullptr);
+    EXPECT_EQ(zt_getenv(""), nullptr);
+    EXPECT_EQ(zt_getenv("A=B"), nullptr);
+}
+
+TEST_F(Environment, AProcessWithoutEnvironmentHasNoVariables)
+{
+    environ = nullptr;
+    EXPECT_EQ(zt_getenv("PATH"), nullptr);
+}
+
+TEST_F(Environment, LookingUpKeepsErrno)
+{
+    errno = 4711;
+    zt_getenv("NO_SUCH_VARIABLE");
+    EXPECT_EQ(errno, 4711);
+}
+
+TEST_F(Environment, WithoutMergingEnvpIsCopiedAsItStands)
+{
+    EXPECT_EQ(combine({"B=2", "A=1", "B=3", "odd"}, 0), (Entries{"B=2", "A=1", "B=3", "odd"}));
+    EXPECT_EQ(combine({}, 0), Entries());
+}
+
+TEST_F(Environment, MergingReplacesInPlaceAndAddsAtTheEnd)
+{
+    EXPECT_EQ(merge_into({"A=1", "B=2", "C=3"}, {"D=4", "B=new", "E=5"}),
+              (Entries{"A=1", "B=new", "C=3", "D=4", "E=5"}));
+}
+
+TEST_F(Environment, AnyMergeFlagButZeroMerges)
+{
+    Vector current({"A=1"});
+    environ = current.get();
+    EXPECT_EQ(combine({"B=2"}, -1), (Entries{"A=1", "B=2"}));
+}
+
+TEST_F(Environment, MergingNothingGivesTheCurrentEnvironment)
+{
+    EXPECT_EQ(merge_into({"A=1", "B=2"}, {}), (Entries{"A=1", "B=2"}));
+    EXPECT_EQ(merge_into({}, {}), Entries());
+}
+
+TEST_F(Environment, MergingIntoNoEnvironmentGivesEnvp)
+{
+    environ = nullptr;
+    EXPECT_EQ(combine({"A=1", "B=2"}, 1), (Entries{"A=1", "B=2"}));
+}
+
+TEST_F(Environment, NamesAreComparedWhole)
+{
+    EXPECT_EQ(merge_into({"AB=1", "A=2", "ABC=3", "ab=4"}, {"AB=new", "B=5"}),
+              (Entries{"AB=new", "A=2", "ABC=3", "ab=4", "B=5"}));
+}
+
+TEST_F(Environment, OfANameTwiceInEnvpTheLastCounts)
+{
+    EXPECT_EQ(merge_into({"A=1", "B=2"}, {"A=first", "N=first", "M=0", "A=last", "N=last"}),
+              (Entries{"A=last", "B=2", "M=0", "N=last"}));
+}
+
+TEST_F(Environment, OneTextTwiceInEnvpIsOneVariable)
+{
+    Vector current({"B=2"});
+    environ = current.get();
+    const char* const entry = "A=1";
+    const char* const envp[] = {entry, entry, nullptr};
+    char** combined = nullptr;
+    ASSERT_EQ(zt_combine_environs(envp, 1, &combined), 0);
+    EXPECT_EQ(take(combined), (Entries{"B=2", "A=1"}));
+}
+
+TEST_F(Environment, AReplacedNameAppearsOnce)
+{
+    EXPECT_EQ(merge_into({"A=1", "B=2", "A=3"}, {"A=new"}), (Entries{"A=new", "B=2"}));
+    EXPECT_EQ(merge_into({"A=1", "B=2", "A=3"}, {"C=4"}), (Entries{"A=1", "B=2", "A=3", "C=4"}));
+}
+
+TEST_F(Environment, EntriesOfAnotherFormAreKept)
+{
+    EXPECT_EQ(merge_into({"odd", "A=1", "=x"}, {"odd", "=y", "A", "odd=1"}),
+              (Entries{"odd", "A=1", "=x", "odd", "=y", "A", "odd=1"}));
+}
+
+TEST_F(Environment, TheResultSharesNothing)
+{
+    Vector current({"A=1"});
+    Vector envp({"B=2"});
+    environ = current.get();
+    char** combined = nullptr;
+    ASSERT_EQ(zt_combine_environs(envp.get(), 1, &combined), 0);
+    current.text(0)[2] = 'x';
+    envp.text(0)[2] = 'x';
+    EXPECT_EQ(take(combined), (Entries{"A=1", "B=2"}));
+}
+
+TEST_F(Environment, ThousandsOfEntriesAreMerged)
+{
+    Entries current, envp, expected;
+    for (int i = 0; i < 20000; ++i) {
+        const std::string name = "NAME_" + std::to_string(i);
+        current.push_back(name + "=old");
+        if (i % 2) envp.push_back(name + "=new");
+        expected.push_back(name + (i % 2 ? "=new" : "=old"));
+    }
+    for (int i = 0; i < 20000; ++i) {
+        envp.push_back("ADDED_" + std::to_string(i) + "=1");
+        expected.push_back(envp.back());
+    }
+    EXPECT_EQ(merge_into(current, envp), expected);
+}
+
+TEST_F(Environment, NullArgumentsFail)
+{
+    Vector envp({"A=1"});
+    char* untouched = nullptr;
+    char** combined = &untouched;
+    errno = 0;
+    EXPECT_LT(zt_combine_environs(nullptr, 1, &combined), 0);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(combined, nullptr);
+    errno = 0;
+    EXPECT_LT(zt_combine_environs(envp.get(), 1, nullptr), 0);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+/// Lets the process have no more memory than it has now.
+class NoMoreMemory {
+  public:
+    NoMoreMemory()
+    {
+        getrlimit(RLIMIT_AS, &before_);
+        long pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        const rlimit now{static_cast<rlim_t>(pages * sysconf(_SC_PAGESIZE)), before_.rlim_max};
+        setrlimit(RLIMIT_AS, &now);
+    }
+    ~NoMoreMemory() { setrlimit(RLIMIT_AS, &before_); }
+
+  private:
+    rlimit before_{};
+};
+
+TEST_F(Environment, ShortOfMemoryFails)
+{
+    if (UNDER_SANITIZER) GTEST_SKIP() << "a sanitizer needs address space of its own";
+    Vector envp({"A=" + std::string(64 << 20, 'x')});
+    char* untouched = nullptr;
+    for (int merge : {0, 1}) {
+        char** combined = &untouched;
+        int result = 0;
+        int error = 0;
+        {
+            NoMoreMemory limit;
+            errno = 0;
+            result = zt_combine_environs(envp.get(), merge, &combined);
+            error = errno;
+        }
+        EXPECT_LT(result, 0);
+        EXPECT_EQ(error, ENOMEM);
+        EXPECT_EQ(combined, nullptr);
+    }
+}
+
+}  // namespace

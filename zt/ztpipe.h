@@ -1,0 +1,390 @@
+/// @file
+/// Pipes to child programs: start a program, talk with it, learn how it ended.
+///
+/// The life of a pipe:
+///
+///  1. `zt_ipipe_open` (or `ZT_PIPE_OPEN`) starts a program by fork and exec (option PROGRAM) or a shell
+///     command (option COMMAND) and returns a handle.
+///  2. `zt_pipe_write` sends bytes to the child; `zt_pipe_read` and `zt_pipe_read_unlimited` read its output.
+///  3. `zt_pipe_termination` turns what a read said about the child's end into a verdict.
+///  4. `zt_ipipe_close` (or `ZT_PIPE_CLOSE`) ends the child, waits for it and releases the handle.
+///
+/// Conventions that hold for every operation:
+///
+///  1. **Handles** are small positive integers, lowest free one first. 0 and negative numbers never name a
+///  pipe.
+///  2. **The status record** belongs to the caller, is cleared on entry and holds the outcome on return:
+///  `code`
+///     is 0 for success; otherwise `where` names routine and location, and the parameters that the code
+///     carries stand in `iparm`, `sparm`, `msg`, `sys_msg` and `object`. `status.what()` makes one line of
+///     all that. `iparm` keeps old values until a failure writes it. Without a record (null) nothing happens
+///     and the result is -1 or 10047.
+///  3. **Nothing throws.** An operation that runs out of memory reports 10021.
+///  4. **Interrupts.** While an operation runs, Ctrl-C (SIGINT) is remembered instead of delivered; the
+///  operation
+///     then ends with 10132, which replaces any other outcome. Between operations SIGINT does what the
+///     application set up; where it is ignored it stays ignored.
+///  5. **Threads.** All operations may be called from several threads; one pipe is used by one thread at a
+///  time.
+///     A SIGPIPE is booked to the pipe that the module worked on last: with several threads writing at once
+///     to dying children it may be booked to the wrong one, which then waits for its child when its own write
+///     fails.
+///  6. **Signals and exit.** The first open installs a SIGPIPE handler (a write to a child that has gone
+///  never
+///     ends the process) and an exit function which closes what is still open when the process exits or is
+///     ended by SIGHUP, SIGINT, SIGQUIT, SIGTERM and their like at default action; PROGRAM children then get
+///     SIGTERM. In a signal handler this works without taking a lock, allocating or freeing, whatever was
+///     interrupted: there COMMAND pipes are flushed as far as the child takes the data at once and are not
+///     waited for. A process that did not open a pipe (a forked child) never signals, waits for or flushes it
+///     at its exit. No operation may be called from a signal handler.
+///  7. **Descriptors** of PROGRAM pipes carry no close-on-exec flag, deliberately: later children inherit
+///  them.
+///     A child that waits for the end of its input (`sort`) sees it only when every copy is closed.
+///  8. **Tracing** is switched by the environment variable `ZT_PIPE_DEBUG` or by `zt_pipe_debug_config`.
+///
+/// Out-of-contract input (a negative length, options over 256 characters, ...) fails cleanly with 10036 or
+/// 10037 and leaves everything as it was.
+#ifndef ZT_ZTPIPE_H
+#define ZT_ZTPIPE_H
+
+#include <zt/runtime/api.h>
+#include <zt/runtime/status.h>
+
+#include <cstdint>
+#include <cstdio>
+
+// ---------------------------------------------------------------------------------------------------------------
+// Codes. Names and meanings, as `what()` shows them, are in one table in the library.
+
+inline constexpr std::uint32_t ZT_PIPE_E_NOMEM = 10021;    ///< no memory: `object`, `iparm[0]` bytes asked
+inline constexpr std::uint32_t ZT_PIPE_E_NULLARG = 10036;  ///< argument `sparm[0]` of `sparm[1]` is missing
+inline constexpr std::uint32_t ZT_PIPE_E_TOOLONG =
+    10037;  ///< `sparm[0]`: `iparm[0]` exceeds limit `iparm[1]`
+inline constexpr std::uint32_t ZT_PIPE_E_NOSTATUS = 10047;     ///< no status record was given
+inline constexpr std::uint32_t ZT_PIPE_E_DEBUGOPT = 10048;     ///< `msg` is no debug category
+inline constexpr std::uint32_t ZT_PIPE_E_START = 10100;        ///< program `sparm[0]` could not be started
+inline constexpr std::uint32_t ZT_PIPE_E_INTERRUPTED = 10132;  ///< an interrupt arrived meanwhile
+inline constexpr std::uint32_t ZT_PIPE_E_NOPROGRAM = 10134;    ///< the program text is empty
+inline constexpr std::uint32_t ZT_PIPE_E_FDSETUP = 10135;  ///< making or closing descriptor `sparm[0]` failed
+inline constexpr std::uint32_t ZT_PIPE_E_DUP = 10136;      ///< duplicating a descriptor (`msg`) failed
+inline constexpr std::uint32_t ZT_PIPE_E_FORK = 10137;     ///< fork failed for program `sparm[0]`
+inline constexpr std::uint32_t ZT_PIPE_E_HANDLE = 10138;   ///< `iparm[0]` names no open pipe
+inline constexpr std::uint32_t ZT_PIPE_E_READ = 10139;     ///< reading from program `sparm[0]` failed
+inline constexpr std::uint32_t ZT_PIPE_E_WRITE = 10140;    ///< writing to program `sparm[0]` failed
+inline constexpr std::uint32_t ZT_PIPE_E_CLOSE = 10141;    ///< closing the pipe to `sparm[0]` failed
+inline constexpr std::uint32_t ZT_PIPE_E_KILL = 10142;     ///< ending program `sparm[0]` failed
+inline constexpr std::uint32_t ZT_PIPE_E_WAIT = 10143;     ///< waiting for program `sparm[0]` failed
+inline constexpr std::uint32_t ZT_PIPE_S_NORMAL = 10144;   ///< the child ended normally
+inline constexpr std::uint32_t ZT_PIPE_S_ERROR = 10145;    ///< the child ended with exit code `iparm[0]`
+inline constexpr std::uint32_t ZT_PIPE_S_ABNORMAL = 10147;  ///< the child was ended by signal `sys_errno`
+inline constexpr std::uint32_t ZT_PIPE_E_ACTIVE = 10157;    ///< the program is still running
+inline constexpr std::uint32_t ZT_PIPE_E_MUSTWAIT = 11102;  ///< NOWAIT refused for a COMMAND pipe
+inline constexpr std::uint32_t ZT_PIPE_E_OPTVALUE = 11103;  ///< option `sparm[0]` knows no value `sparm[1]`
+inline constexpr std::uint32_t ZT_PIPE_E_CONFLICT =
+    11104;  ///< options `sparm[0]`, `sparm[1]` exclude each other
+inline constexpr std::uint32_t ZT_PIPE_E_DEPENDS = 11108;  ///< an option lacks the one it needs (`msg`)
+
+// ---------------------------------------------------------------------------------------------------------------
+// Types
+
+/// The module's version.
+inline constexpr int ZT_PIPE_VERSION = 10000;
+
+/// Launch kinds: the values of `zt_pipe::mode`.
+inline constexpr std::uint32_t ZT_PIPE_MODE_NONE = 0;     ///< opened without PROGRAM or COMMAND: no child
+inline constexpr std::uint32_t ZT_PIPE_MODE_PROGRAM = 1;  ///< fork and exec, two-way
+inline constexpr std::uint32_t ZT_PIPE_MODE_COMMAND = 2;  ///< a shell command through a stdio stream, one-way
+
+/// Directions: the values of `zt_pipe::direction`.
+inline constexpr std::uint32_t ZT_PIPE_READS = 0;   ///< the parent reads the child's output
+inline constexpr std::uint32_t ZT_PIPE_WRITES = 1;  ///< the parent writes the child's input
+inline constexpr std::uint32_t ZT_PIPE_BOTH = 2;    ///< both (PROGRAM pipes)
+
+/// What the child's standard error is: the values of `zt_pipe::stderr_mode`.
+inline constexpr std::uint32_t ZT_PIPE_STDERR_DISCARD = 1;
+inline constexpr std::uint32_t ZT_PIPE_STDERR_COMBINE = 2;
+inline constexpr std::uint32_t ZT_PIPE_STDERR_IGNORE = 3;
+
+/// Most characters of a program text, a command line or a program's file name.
+inline constexpr int ZT_PIPE_TEXT_LIMIT = 1024;
+/// Most characters of an option text.
+inline constexpr int ZT_PIPE_OPTIONS_LIMIT = 256;
+/// Most characters of a USERNAME or PASSWORD value.
+inline constexpr int ZT_PIPE_NAME_LIMIT = 32;
+
+/// The control block of one open pipe. Callers hold handles, not blocks; it is public so that debuggers and
+/// tools can show it. Allocated zeroed by the open, freed by the close.
+struct zt_pipe {
+    std::uint32_t handle;                  ///< this pipe's handle; 0 until assigned
+    std::uint32_t mode;                    ///< ZT_PIPE_MODE_*
+    char program[ZT_PIPE_TEXT_LIMIT + 1];  ///< program or command text as given to the open
+    char cmdline[ZT_PIPE_TEXT_LIMIT +
+                 1];  ///< COMMAND: command line given to the shell; PROGRAM: executed file
+    char username[ZT_PIPE_NAME_LIMIT + 1];  ///< USERNAME value
+    char password[ZT_PIPE_NAME_LIMIT + 1];  ///< PASSWORD value
+    std::FILE* fh;                          ///< COMMAND: the shell's stream
+    std::int32_t read_fd;                   ///< PROGRAM: from the child's standard output; 0 = none
+    std::int32_t write_fd;                  ///< PROGRAM: to the child's standard input; 0 = none
+    std::int32_t pid;                       ///< PROGRAM: the child
+    std::int32_t last_signal;               ///< last signal seen while this pipe was worked on
+    std::int32_t wait_status;               ///< the child's wait status; -1 = not collected yet
+    char* buffer;                           ///< the unlimited read's buffer
+    std::int32_t buffer_size;               ///< capacity of `buffer` in bytes
+    std::uint32_t direction;                ///< ZT_PIPE_READS, ZT_PIPE_WRITES or ZT_PIPE_BOTH
+    std::uint8_t korn;                      ///< 1 = run the command through the Korn shell
+    std::uint8_t binary;                    ///< 1 = BINARY was given
+    std::uint32_t stderr_mode;              ///< ZT_PIPE_STDERR_*
+    std::int32_t size;                      ///< SIZE value, default 65536
+    std::int32_t read_size;                 ///< READSIZE value in bytes, default 32768
+    std::int32_t owner;  ///< process that opened the pipe: only it ends the child at its exit
+    std::int32_t busy;   ///< 1 while an operation works on the pipe
+};
+
+/// Flag slots of a debug category.
+inline constexpr int ZT_PIPE_PARMS = 0;       ///< entry and exit lines
+inline constexpr int ZT_PIPE_CLOCKS = 1;      ///< accepted and reported, tested by no operation
+inline constexpr int ZT_PIPE_CTRLBLKS = 2;    ///< retries of the reads
+inline constexpr int ZT_PIPE_DEBUG_FLAG = 3;  ///< detail lines
+inline constexpr int ZT_PIPE_EXCEPTIONS = 4;  ///< exit lines of failures
+inline constexpr int ZT_PIPE_MEMORY = 5;      ///< accepted and reported, tested by no operation
+
+/// One debug category: its switches (nonzero = on; slots 6 and 7 are spare) and its name.
+struct zt_pipe_debug_category {
+    std::uint32_t flags[8];
+    char name[32];
+};
+
+extern "C" {
+
+/// The debug flags: "global", "open", "close", "read", "write". Set through `zt_pipe_debug_config`; every
+/// flag is 0 until the first open, configuration or report has initialised the record.
+extern ZT_API zt_pipe_debug_category Zt_pipe_debug[5];
+
+/// Nonzero once `Zt_pipe_debug` has been initialised.
+extern ZT_API std::uint32_t Zt_pipe_debug_initialized;
+
+// ---------------------------------------------------------------------------------------------------------------
+// Operations, in the order of a pipe's life
+
+/// Starts a child and returns a handle to talk with it.
+///
+/// @param program  Program with its arguments (PROGRAM) or shell command (COMMAND); 1 to 1024 characters, not
+/// null.
+/// @param options  Keywords of the table below, separated by blanks and/or commas, at most 256 characters;
+/// not
+///                 null, "" for none. Case does not matter; a value follows `=` and may be quoted.
+/// @param argv     Word vector ended by a null pointer, or null. PROGRAM: given to the program as it is, its
+/// first
+///                 word is the file to execute. COMMAND: joined to the command line, quoted as the shell
+///                 needs it. Null: `program` is used.
+/// @param envp     Environment of the child ended by a null pointer, or null to inherit the parent's. Copied.
+/// @param status   Caller's record.
+/// @param file     Caller's source file for the open-file registry; may be null.
+/// @param line     Caller's source line. `ZT_PIPE_OPEN` supplies both.
+/// @return The handle (at least 1), or -1 with `status` filled. A failed open leaves nothing behind.
+///
+/// | keyword | meaning |
+/// |---|---|
+/// | PROGRAM | two-way pipe to a program started by fork and exec, searched on PATH |
+/// | COMMAND | one-way pipe to a shell command |
+/// | READ, WRITE | COMMAND: read the child's output (default) or write its input |
+/// | STDERR=COMBINE | the child's standard error joins its output (default; nothing for COMMAND with WRITE) |
+/// | STDERR=DISCARD | the child's standard error goes to /dev/null |
+/// | STDERR=IGNORE | COMMAND: the parent's standard error; PROGRAM, deliberately different: closed |
+/// | KORN | COMMAND: run by `ksh -c` |
+/// | MERGE_ENV | `envp` is laid over the current environment instead of replacing it |
+/// | READSIZE=n | bytes that the unlimited read asks for at a time, default 32768 |
+/// | SIZE=n | stored, default 65536 |
+/// | ASCII, BINARY, USERNAME=x, PASSWORD=x, $POPEN | stored or accepted, without effect of their own |
+///
+/// Without PROGRAM or COMMAND nothing is launched, deliberately: the handle has no child, reads and writes on
+/// it fail with EBADF. A program that does not exist is no failure of a PROGRAM open: the child ends with
+/// 127. Deliberately, a forked child whose standard streams cannot be wired returns from this call too, with
+/// -1 and the code (10135, 10136) in its own copy of the record; an application that must not run on twice
+/// compares `getpid()`.
+///
+/// Codes: 10021, 10036, 10037, 10100, 10132, 10134, 10135, 10136, 10137, 11103, 11104, 11108, the option
+/// processor's 11201 to 11206, system errors (20000 and up) of combining environments.
+///
+/// @code
+/// zt::Status status;
+/// int bc = ZT_PIPE_OPEN("bc -l", "PROGRAM", nullptr, nullptr, &status);
+/// if (bc < 0) std::fprintf(stderr, "%s\n", status.what());
+/// @endcode
+ZT_API int zt_ipipe_open(const char* program, const char* options, const char* const* argv,
+                         const char* const* envp, zt::Status* status, const char* file, int line);
+
+/// Writes bytes to the child's standard input.
+///
+/// @param handle  An open pipe.
+/// @param buffer  The bytes; not null.
+/// @param length  How many, in bytes; 0 writes nothing.
+/// @param status  Caller's record.
+/// @return `length`, or -1 with `status` filled. There is no partial result: a short write is a failure.
+///
+/// A COMMAND pipe's bytes go through its stdio buffer, so a child that has gone shows at a later write or at
+/// the close. On a PROGRAM pipe whose child has gone the child's end is the outcome: 10144, 10145 or 10147,
+/// deliberately a failure even for a normal end; a child that closed its input but lives on is waited for.
+///
+/// Codes: 10036, 10037, 10132, 10138, 10140, 10143, 10144, 10145, 10147.
+///
+/// @code
+/// zt_pipe_write(bc, "6*7\n", 4, &status);
+/// @endcode
+ZT_API int zt_pipe_write(int handle, const void* buffer, int length, zt::Status* status);
+
+/// Reads the child's output into the caller's buffer until it is full, ends with a delimiter, or the output
+/// ends.
+///
+/// @param handle     An open pipe.
+/// @param buffer     Receives at most `size` bytes; not null, not terminated.
+/// @param size       Room in `buffer` in bytes; 0 reads nothing.
+/// @param delimiter  Stop when the bytes read so far end with this text; null for none.
+/// @param status     Caller's record; `count` receives the number of bytes.
+/// @return The number of bytes, or -1. A failure after some bytes, and a normal end of the child, come as
+/// success
+///         with the code moved to `subcode`.
+///
+/// At the end of a PROGRAM pipe's output the call waits for the child and reports how it ended. Deliberately,
+/// only the end of the stored bytes is compared with the delimiter: one that arrives in the middle of what
+/// the system delivered is not noticed, and a buffer that fills without ending in the delimiter makes a
+/// PROGRAM pipe wait for its child to end (COMMAND: 10139 with "infinite loop of fread <= 0").
+///
+/// Codes (in `code`, or in `subcode` as said): 10036, 10037, 10132, 10138, 10139, 10143, 10144, 10145, 10147.
+///
+/// @code
+/// char line[256];
+/// int n = zt_pipe_read(bc, line, sizeof line, "\n", &status);  // "42\n"
+/// @endcode
+ZT_API int zt_pipe_read(int handle, void* buffer, int size, const char* delimiter, zt::Status* status);
+
+/// Reads the child's output to its end, or until it ends with a delimiter, into a buffer that the pipe owns.
+///
+/// @param handle     An open pipe.
+/// @param result     Receives the address of the pipe's buffer, terminated with a NUL; not null. Valid until
+/// the
+///                   next unlimited read or the close on this pipe (the option NOFREE of the close leaves
+///                   it).
+/// @param offset     Bytes at the start of the buffer to leave alone; new ones follow. 0 starts over; the
+/// previous
+///                   total appends.
+/// @param delimiter  As for `zt_pipe_read`; null for none.
+/// @param status     Caller's record; `count` receives the number of bytes.
+/// @return The number of new bytes, or -1; warnings in `subcode` as for `zt_pipe_read`.
+///
+/// The buffer grows to what one more request of READSIZE bytes needs and never shrinks. When it cannot grow,
+/// `*result` is null; a buffer handed out before is then the caller's.
+///
+/// Codes: as `zt_pipe_read`, and 10021 (also when the count would exceed 32 bits); a READSIZE below 1: 10037.
+///
+/// @code
+/// char* text;
+/// int n = zt_pipe_read_unlimited(handle, &text, 0, nullptr, &status);
+/// @endcode
+ZT_API int zt_pipe_read_unlimited(int handle, char** result, int offset, const char* delimiter,
+                                  zt::Status* status);
+
+/// Turns the child's end that a read left in `subcode` into a verdict.
+///
+/// @param normal_is_success  True: a normal end is success (`subcode` becomes 0). False: it is the error
+/// 10144.
+/// @param status             The record of the read; a null one holds nothing.
+/// @return True when `subcode` held 10144, 10145 or 10147: `sparm[0]` then says "normally", "with an error"
+/// or
+///         "abnormally", and `code` holds the class unless it counts as success. False: nothing was changed.
+///
+/// Touches only the record; takes no lock.
+///
+/// @code
+/// if (zt_pipe_termination(true, &status) && status.code) std::puts(status.sparm[0]);
+/// @endcode
+ZT_API bool zt_pipe_termination(bool normal_is_success, zt::Status* status);
+
+/// Ends the use of a pipe: closes it, ends the child with SIGTERM if it still runs, waits for it, frees the
+/// handle.
+///
+/// @param handle   An open pipe.
+/// @param options  NOKILL (PROGRAM: no SIGTERM), NOWAIT (PROGRAM: no waiting), NOFREE (the unlimited read's
+/// buffer
+///                 is left to the caller, to be freed with `zt_mem_ifree(2, buffer, ...)`); at most 256
+///                 characters, not null, "" for none.
+/// @param status   Caller's record.
+/// @param file     Accepted and not used; `line` likewise. `ZT_PIPE_CLOSE` supplies both.
+/// @return The code: 0, or how the child ended (10145, 10147), or what failed. Of several: the child's end or
+/// a
+///         failed wait, then a failed kill, then a failed descriptor; an interrupt replaces all.
+///
+/// A child that the close had to end is always reported as 10147 with `sys_errno` 15. SIGTERM comes at once:
+/// to let a child finish, read to its end first, or close with NOKILL, which waits however long it takes. A
+/// child that ignores SIGTERM is waited for too; NOWAIT does not wait but leaves it uncollected. After
+/// refused options (and NOWAIT on a COMMAND pipe) the pipe stays open; after anything else the handle is
+/// free.
+///
+/// Codes: 10036, 10037, 10100, 10132, 10138, 10141, 10142, 10143, 10145, 10147, 11102, 11201 to 11206; 10047
+/// without a record.
+///
+/// @code
+/// if (ZT_PIPE_CLOSE(bc, "", &status) != 0) std::fprintf(stderr, "%s\n", status.what());
+/// @endcode
+ZT_API int zt_ipipe_close(int handle, const char* options, zt::Status* status, const char* file, int line);
+
+// ---------------------------------------------------------------------------------------------------------------
+// Tracing
+
+/// Replaces the debug flags by those of an option text.
+///
+/// @param options  Flag keywords PARMS, CLOCKS, CTRLBLKS, DEBUG, EXCEPTIONS, MEMORY, each alone (all
+/// categories)
+///                 or with a list of categories, `DEBUG='read,write'`, `PARMS='not read'`; or OFF. At most
+///                 256 characters; not null; "" changes nothing.
+/// @param status   Caller's record.
+/// @return The code; 10047 without a record. After a failure the flags stand as far as the parse got.
+///
+/// Configure from one thread. Codes: 10036, 10037, 10047, 10048, 11104, 11201 to 11206.
+///
+/// @code
+/// zt_pipe_debug_config("PARMS DEBUG='open,close'", &status);
+/// @endcode
+ZT_API std::uint32_t zt_pipe_debug_config(const char* options, zt::Status* status);
+
+/// Writes the current debug settings as an option text that `zt_pipe_debug_config` understands.
+///
+/// @param text    Receives the text; room for 512 characters is enough for the longest; not null. A flag that
+/// is
+///                on for no category but "global" is not reported.
+/// @param status  Caller's record.
+/// @return The code: 0; 10036 for a null `text`; 10047 without a record.
+///
+/// @code
+/// char text[512];
+/// zt_pipe_debug_settings(text, &status);  // "PARMS='read,write' "
+/// @endcode
+ZT_API int zt_pipe_debug_settings(char* text, zt::Status* status);
+
+// ---------------------------------------------------------------------------------------------------------------
+// Called by the runtime, not by applications
+
+/// Records a SIGPIPE in the pipe being worked on. Async-signal-safe.
+///
+/// @param signo  The signal's number.
+ZT_API void zt_pipe_signal(int signo);
+
+/// Closes every pipe that is still open and frees the handle table: COMMAND pipes are waited for, PROGRAM
+/// children get SIGTERM and are not.
+///
+/// @param signo  0 or below at normal exit, otherwise the signal that ends the process. For a signal after
+/// which
+///               nothing can be trusted (SIGSEGV, SIGABRT, ...) everything is left as it is.
+ZT_API void zt_pipe_cleanup(int signo);
+
+}  // extern "C"
+
+/// `zt_ipipe_open` with the caller's place.
+#define ZT_PIPE_OPEN(program, options, argv, envp, status) \
+    zt_ipipe_open((program), (options), (argv), (envp), (status), __FILE__, __LINE__)
+
+/// `zt_ipipe_close` with the caller's place.
+#define ZT_PIPE_CLOSE(handle, options, status) \
+    zt_ipipe_close((handle), (options), (status), __FILE__, __LINE__)
+
+#endif

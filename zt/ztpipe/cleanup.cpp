@@ -1,0 +1,135 @@
+// What the runtime calls on the module's behalf: on SIGPIPE, and when the process ends.
+#include <fcntl.h>
+#include <unistd.h>
+#include <zt/runtime/open_files.h>
+#include <zt/runtime/signals.h>
+#include <zt/ztpipe/operation.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+
+namespace zt::pipe {
+namespace {
+
+constexpr int cleanup_close_line = 183;
+constexpr int free_table_line = 188;
+
+bool traces_detail()
+{
+    return traces(Category::global, ZT_PIPE_DEBUG_FLAG);
+}
+
+// ---------------------------------------------------------------------------------------- the ends a pipe
+// can find
+
+// In a signal handler, where pclose cannot be called: what is still buffered goes out as far as the child
+// takes it at once. Neither the stream's lock nor the allocator is touched.
+void flush_in_signal(const zt_pipe& pipe)
+{
+    if (pipe.direction != ZT_PIPE_WRITES || pipe.fh == nullptr) return;
+    const int fd = fileno_unlocked(pipe.fh);
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) >= 0) fflush_unlocked(pipe.fh);
+}
+
+// Frees the stream of another process's pipe. What that process had buffered is its own to write: here it
+// goes to the null device. The shell is no child of this process, so pclose does not wait.
+void drop_stream(const zt_pipe& pipe)
+{
+    const int null_device = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (null_device >= 0) {
+        dup2(null_device, fileno(pipe.fh));
+        close(null_device);
+    } else {
+        close(fileno(pipe.fh));
+    }
+    pclose(pipe.fh);
+}
+
+// A forked child has the table of the process that opened the pipes. Their children are not its own to signal
+// or to wait for; it only lets go of its copies.
+void drop(zt_pipe& pipe)
+{
+    if (pipe.fh != nullptr) drop_stream(pipe);
+    if (pipe.read_fd != 0) close(pipe.read_fd);
+    if (pipe.write_fd != 0) close(pipe.write_fd);
+    Zt_pipes[pipe.handle] = nullptr;
+    --Zt_used_pipes;
+    if (pipe.buffer != nullptr) zt_mem_ifree(pipe_memory, pipe.buffer, module_name, cleanup_close_line);
+    zt_ifile_del_entry(pipe_entry, &pipe);
+    zt_mem_ifree(pipe_memory, &pipe, module_name, cleanup_close_line);
+}
+
+// Another thread is in the middle of an operation on the pipe while this one exits: the block stays, only the
+// child is told to end. The process's end closes the rest.
+void end_busy(const zt_pipe& pipe)
+{
+    if (pipe.mode == ZT_PIPE_MODE_PROGRAM && pipe.pid > 0 && pipe.wait_status == -1) kill(pipe.pid, SIGTERM);
+}
+
+void end_pipe(zt_pipe& pipe, zt::Status& status)
+{
+    const bool in_signal = zt_exit_in_signal();
+    const bool busy = std::atomic_ref(pipe.busy).load(std::memory_order_relaxed) != 0;
+    if (pipe.owner != getpid()) return in_signal ? void() : drop(pipe);
+    if (busy && !in_signal) return end_busy(pipe);
+    const bool command = pipe.mode == ZT_PIPE_MODE_COMMAND;
+    if (command && in_signal && !busy) flush_in_signal(pipe);
+    zt_ipipe_close(static_cast<int>(pipe.handle), command ? "" : "NOWAIT", &status, module_name,
+                   cleanup_close_line);
+}
+
+void free_table()
+{
+    if (zt_exit_in_signal()) return;
+    const TableLock lock;  // other threads may still look handles up while this one exits
+    if (Zt_pipes != nullptr) zt_mem_ifree(table_memory, Zt_pipes, module_name, free_table_line);
+    Zt_pipes = nullptr;
+    std::atomic_ref(Zt_avail_pipes).store(0, std::memory_order_release);
+}
+
+void end_everything(zt::Status& status)
+{
+    ZT_INIT_STATUS(&status);
+    // A table that was lost for want of memory has a size but no slots.
+    for (int handle = 1; Zt_pipes != nullptr && handle < Zt_avail_pipes; ++handle)
+        if (Zt_pipes[handle] != nullptr) end_pipe(*Zt_pipes[handle], status);
+    free_table();
+}
+
+void trace_begin(const char* routine, int signo)
+{
+    if (!traces_detail()) return;
+    if (signo <= 0)
+        zt_trace_msg("-> %s: beginning cleanup processing due to normal termination", routine);
+    else
+        zt_trace_msg("-> %s: beginning cleanup processing due to signal: %s", routine, zt_signal_desc(signo));
+}
+
+}  // namespace
+}  // namespace zt::pipe
+
+using namespace zt::pipe;
+
+extern "C" void zt_pipe_cleanup(int signo)
+{
+    constexpr char routine[] = "zt_pipe_cleanup";
+    zt::Status status;
+    trace_begin(routine, signo);
+    if (zt_signal_safe(signo)) end_everything(status);
+    if (traces_detail()) zt_trace_msg("<- %s: completed cleanup processing", routine);
+}
+
+extern "C" void zt_pipe_signal(int signo)
+{
+    constexpr char routine[] = "zt_pipe_signal";
+    zt_pipe* const pipe = std::atomic_ref(Zt_pipe_current).load(std::memory_order_relaxed);
+    if (pipe != nullptr) std::atomic_ref(pipe->last_signal).store(signo, std::memory_order_relaxed);
+    if (!traces_detail()) return;
+    if (pipe != nullptr)
+        zt_trace_msg("   %s: signal %s: pid %d (%s)", routine, zt_signal_token(signo), pipe->pid,
+                     pipe->program);
+    else
+        zt_trace_msg("   %s: signal %s: unknown origin", routine, zt_signal_token(signo));
+}

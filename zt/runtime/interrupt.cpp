@@ -53,9 +53,10 @@ void remember_interrupt(int)
     if (!latch.installed && !latch_stands() && latch.pending.exchange(false)) send_again();
 }
 
+// What is pending stays: the stretch before took its own, so it is of a handler that was entered then and
+// has got the processor only now.
 void install()
 {
-    latch.pending = false;
     latch.polled = false;
     latch.installed = true;
     struct sigaction remember = {};

@@ -1,0 +1,616 @@
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <tests/support/forked_child.h>
+#include <zt/runtime/exit_handlers.h>
+#include <zt/runtime/interrupt.h>
+#include <zt/runtime/memory.h>
+#include <zt/runtime/status.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+#include <utility>
+
+using forked::Child;
+using forked::say;
+
+namespace {
+
+void first(int signo)
+{
+    say("first:", signo);
+}
+void second(int signo)
+{
+    say("second:", signo);
+}
+void third(int signo)
+{
+    say("third:", signo);
+}
+
+void register_function(void (*function)(int))
+{
+    zt::Status status;
+    if (zt_atexit(function, "f", "test", "", &status) != 0) say(status.what());
+}
+
+void on(int signo, void (*handler)(int))
+{
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    sigemptyset(&action.sa_mask);
+    sigaction(signo, &action, nullptr);
+}
+
+bool has_handler(int signo, void (*handler)(int))
+{
+    struct sigaction now;
+    return sigaction(signo, nullptr, &now) == 0 && now.sa_handler == handler;
+}
+
+void applications_own(int signo)
+{
+    say("application:", signo);
+}
+
+std::atomic<int> step{0};
+std::atomic<pid_t> other_thread{0};
+std::atomic<pthread_t> other_pthread{};
+
+void wait_for_step(int wanted)
+{
+    if (!forked::comes_true([=] { return step == wanted; })) say("too late ");
+}
+
+void touch_forbidden_page()
+{
+    void* const page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    *static_cast<volatile char*>(page) = 1;
+}
+
+}  // namespace
+
+TEST(ExitHandlers, FunctionsRunOnceAtNormalExitTheLastRegisteredFirst)
+{
+    Child child([] {
+        register_function(first);
+        register_function(second);
+        register_function(third);
+        exit(3);
+    });
+    EXPECT_EQ(child.said(), "third:0 second:0 first:0 ");
+    EXPECT_EQ(child.exit_code(), 3);
+}
+
+TEST(ExitHandlers, FunctionsRunWhenAThreadExits)
+{
+    Child child([] {
+        register_function(first);
+        std::thread([] { exit(4); }).join();
+    });
+    EXPECT_EQ(child.said(), "first:0 ");
+    EXPECT_EQ(child.exit_code(), 4);
+}
+
+TEST(ExitHandlers, QuickEndsRunNothing)
+{
+    Child quick([] {
+        register_function(first);
+        quick_exit(0);
+    });
+    Child abrupt([] {
+        register_function(first);
+        _exit(0);
+    });
+    EXPECT_EQ(quick.said(), "");
+    EXPECT_EQ(abrupt.said(), "");
+}
+
+TEST(ExitHandlers, EveryFatalSignalRunsThemAndStillEndsTheProcess)
+{
+    const auto check = [](int signo) {
+        Child child([] {
+            register_function(first);
+            register_function(second);
+            say("ready ");
+            for (;;) pause();
+        });
+        ASSERT_TRUE(child.has_said("ready"));
+        child.kill(signo);
+        const std::string number = std::to_string(signo);
+        EXPECT_EQ(child.said(), "ready second:" + number + " first:" + number + " ");
+        EXPECT_EQ(child.ended_by(), signo);
+    };
+    for (const int signo : zt::asynchronous_fatal_signals) check(signo);
+    for (const int signo : zt::crash_signals) check(signo);
+}
+
+TEST(ExitHandlers, FaultAndAbortRunThemAndEndTheProcessByTheirSignal)
+{
+    Child fault([] {
+        register_function(first);
+        touch_forbidden_page();
+    });
+    Child aborted([] {
+        register_function(first);
+        abort();
+    });
+    EXPECT_EQ(fault.said(), "first:" + std::to_string(SIGSEGV) + " ");
+    EXPECT_EQ(fault.ended_by(), SIGSEGV);
+    EXPECT_EQ(aborted.said(), "first:" + std::to_string(SIGABRT) + " ");
+    EXPECT_EQ(aborted.ended_by(), SIGABRT);
+}
+
+TEST(ExitHandlers, FunctionThatWaitsStaysRegisteredOnceInItsPlace)
+{
+    Child child([] {
+        register_function(first);
+        register_function(second);
+        register_function(first);
+    });
+    EXPECT_EQ(child.said(), "second:0 first:0 ");
+}
+
+TEST(ExitHandlers, FunctionRegisteredWhileFunctionsRunRunsToo)
+{
+    Child child([] {
+        register_function(first);
+        register_function([](int) {
+            say("registering ");
+            register_function(third);
+        });
+    });
+    EXPECT_EQ(child.said(), "registering third:0 first:0 ");
+}
+
+TEST(ExitHandlers, StaticDestructorsMayRegisterAfterTheFunctionsHaveRun)
+{
+    Child child([] {
+        std::atexit([] {
+            say("destructor ");
+            register_function(first);
+        });
+        register_function(first);
+    });
+    EXPECT_EQ(child.said(), "first:0 destructor first:0 ");
+    EXPECT_EQ(child.exit_code(), 0);
+}
+
+TEST(ExitHandlers, HandlerOfTheApplicationIsKept)
+{
+    Child child([] {
+        on(SIGTERM, applications_own);
+        on(SIGINT, applications_own);
+        on(SIGSEGV, applications_own);
+        register_function(first);
+        raise(SIGTERM);
+        raise(SIGINT);
+        raise(SIGSEGV);
+        say("exit ");
+    });
+    EXPECT_EQ(child.said(), "application:15 application:2 application:11 exit first:0 ");
+}
+
+TEST(ExitHandlers, HandlerInstalledLaterIsKeptByTheNextRegistration)
+{
+    Child child([] {
+        register_function(first);
+        on(SIGTERM, applications_own);
+        register_function(second);
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(child.said(), "application:15 second:0 first:0 ");
+}
+
+TEST(ExitHandlers, IgnoredSignalStaysIgnored)
+{
+    Child child([] {
+        on(SIGHUP, SIG_IGN);
+        on(SIGINT, SIG_IGN);
+        register_function(first);
+        raise(SIGHUP);
+        raise(SIGINT);
+        say("", has_handler(SIGHUP, SIG_IGN) && has_handler(SIGINT, SIG_IGN));
+    });
+    EXPECT_EQ(child.said(), "1 first:0 ");
+}
+
+TEST(ExitHandlers, RegistrationUnderAnArmedLatchSeesTheRealInterruptAction)
+{
+    Child child([] {
+        zt_sys_arm_interrupt();
+        register_function(first);
+        raise(SIGINT);
+        say("remembered:", zt_sys_poll_interrupt(1));
+        zt_sys_disarm_interrupt();
+        raise(SIGINT);
+    });
+    EXPECT_EQ(child.said(), "remembered:1 first:2 ");
+    EXPECT_EQ(child.ended_by(), SIGINT);
+
+    Child handling([] {
+        on(SIGINT, applications_own);
+        zt_sys_arm_interrupt();
+        register_function(first);
+        zt_sys_disarm_interrupt();
+        raise(SIGINT);
+    });
+    EXPECT_EQ(handling.said(), "application:2 first:0 ");
+}
+
+TEST(ExitHandlers, ArmedLatchDoesNotStopAnotherFatalSignal)
+{
+    Child child([] {
+        register_function([](int) {
+            zt_sys_arm_interrupt();
+            zt_sys_disarm_interrupt();
+            say("ran ");
+        });
+        zt_sys_arm_interrupt();
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(child.said(), "ran ");
+    EXPECT_EQ(child.ended_by(), SIGTERM);
+}
+
+TEST(ExitHandlers, MissingFunctionOrRecordIsRefused)
+{
+    zt::Status status;
+    EXPECT_EQ(zt_atexit(nullptr, "f", "test", "", &status), 10036u);
+    EXPECT_EQ(status.code, 10036u);
+    EXPECT_EQ(status.subcode, 0u);
+    EXPECT_EQ(status.sys_errno, 0u);
+    EXPECT_STREQ(status.sparm[0], "function");
+    EXPECT_STREQ(status.sparm[1], "zt_atexit");
+    EXPECT_STREQ(status.where, "exit_handlers(zt_atexit):24");
+    EXPECT_STRNE(status.host, "");
+    Child child([] {
+        say("", static_cast<int>(zt_atexit(first, "first", "test", "", nullptr)));
+        say("", static_cast<int>(zt_atexit(nullptr, nullptr, nullptr, nullptr, nullptr)));
+    });
+    EXPECT_EQ(child.said(), "10047 10047 ");
+}
+
+template <int number>
+void numbered(int)
+{
+    say("", number);
+}
+
+template <int... numbers>
+void register_numbered(std::integer_sequence<int, numbers...>)
+{
+    (register_function(numbered<numbers>), ...);
+}
+
+TEST(ExitHandlers, FullTableIsRefusedAndTheOthersStillRun)
+{
+    Child child([] {
+        register_numbered(std::make_integer_sequence<int, ZT_EXIT_FUNCTIONS_MAX>());
+        register_function(numbered<5>);  // has its place already
+        zt::Status status;
+        errno = 77;
+        const bool refused = zt_atexit(first, "first", "test", "", &status) == 10021;
+        const bool errno_kept = errno == 77;
+        const bool filled = refused && status.code == 10021 && status.subcode == 0 &&
+                            status.sys_errno == ENOMEM && status.iparm[0] == 8 &&
+                            status.iparm[1] == zt_heapsize() &&
+                            strcmp(status.object, "exit functions") == 0 &&
+                            strcmp(status.sys_msg, "Cannot allocate memory") == 0 && status.host[0] != '\0' &&
+                            strcmp(status.where, "exit_handlers(zt_atexit):31") == 0 &&
+                            strcmp(status.sparm[0], "first") == 0 && strcmp(status.sparm[1], "test") == 0;
+        say("filled:", filled);
+        say("errno:", errno_kept);
+    });
+    std::string expected = "filled:1 errno:1 ";
+    for (int number = ZT_EXIT_FUNCTIONS_MAX - 1; number >= 0; --number) {
+        expected += std::to_string(number) + " ";
+    }
+    EXPECT_EQ(child.said(), expected);
+}
+
+TEST(ExitHandlers, InSignalIsToldOnTheThreadThatRunsThemAndOnlyThere)
+{
+    Child by_signal([] {
+        std::thread([] {
+            step = 1;
+            wait_for_step(2);
+            say("other:", zt_exit_in_signal());
+            step = 3;
+            for (;;) pause();
+        }).detach();
+        wait_for_step(1);
+        register_function([](int) {
+            say("function:", zt_exit_in_signal());
+            step = 2;
+            wait_for_step(3);
+        });
+        say("before:", zt_exit_in_signal());
+        raise(SIGTERM);
+    });
+    Child by_exit([] { register_function([](int) { say("function:", zt_exit_in_signal()); }); });
+    EXPECT_EQ(by_signal.said(), "before:0 function:1 other:0 ");
+    EXPECT_EQ(by_exit.said(), "function:0 ");
+}
+
+TEST(ExitHandlers, SignalWhileExitRunsThemRunsTheRestAndEndsTheProcess)
+{
+    Child child([] {
+        register_function(first);
+        register_function([](int signo) {
+            say("begun:", signo);
+            raise(SIGTERM);
+            say("went on ");
+        });
+        exit(0);
+    });
+    EXPECT_EQ(child.said(), "begun:0 first:15 ");
+    EXPECT_EQ(child.ended_by(), SIGTERM);
+}
+
+TEST(ExitHandlers, SignalOnAnotherThreadWhileExitRunsThemEndsTheProcess)
+{
+    Child child([] {
+        register_function(first);
+        register_function([](int signo) {
+            say("begun:", signo);
+            step = 1;
+            wait_for_step(2);  // never: the process ends first
+            say("went on ");
+        });
+        std::thread([] {
+            wait_for_step(1);
+            pthread_kill(pthread_self(), SIGHUP);
+        }).detach();
+        exit(0);
+    });
+    EXPECT_EQ(child.said(), "begun:0 first:1 ");
+    EXPECT_EQ(child.ended_by(), SIGHUP);
+}
+
+TEST(ExitHandlers, CrashInsideAFunctionEndsTheProcessAtOnce)
+{
+    Child aborting([] {
+        register_function(first);
+        register_function([](int) { abort(); });
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(aborting.said(), "");
+    EXPECT_EQ(aborting.ended_by(), SIGABRT);
+    Child faulting([] {
+        register_function(first);
+        register_function([](int) { touch_forbidden_page(); });
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(faulting.said(), "");
+    EXPECT_EQ(faulting.ended_by(), SIGSEGV);
+}
+
+namespace {
+
+// Starts a thread that does `work` once `step` is 1, after it has told who it is.
+template <class Work>
+void start_other_thread(Work work)
+{
+    std::thread([work] {
+        other_pthread = pthread_self();
+        other_thread = forked::thread_id();
+        wait_for_step(1);
+        work();
+        say("other went on ");
+        for (;;) pause();
+    }).detach();
+    forked::comes_true([] { return other_thread != 0; });
+}
+
+void say_when_other_thread_is_parked(int signo)
+{
+    step = 1;
+    if (forked::comes_true([] { return forked::is_parked(other_thread); })) say("parked:", signo);
+}
+
+}  // namespace
+
+TEST(ExitHandlers, SecondSignalOnAnotherThreadStopsThatThread)
+{
+    Child child([] {
+        start_other_thread([] { raise(SIGHUP); });
+        register_function(say_when_other_thread_is_parked);
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(child.said(), "parked:15 ");
+    EXPECT_EQ(child.ended_by(), SIGTERM);
+}
+
+TEST(ExitHandlers, CrashOnAnotherThreadDoesNotCutTheFunctionsShort)
+{
+    Child child([] {
+        start_other_thread(touch_forbidden_page);
+        register_function(say_when_other_thread_is_parked);
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(child.said(), "parked:15 ");
+    EXPECT_EQ(child.ended_by(), SIGTERM);
+}
+
+TEST(ExitHandlers, ExitOnAnotherThreadWaitsForTheSignalToEndTheProcess)
+{
+    Child child([] {
+        start_other_thread([] { exit(5); });
+        register_function(first);
+        register_function(say_when_other_thread_is_parked);
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(child.said(), "parked:15 first:15 ");
+    EXPECT_EQ(child.ended_by(), SIGTERM);
+}
+
+TEST(ExitHandlers, HoldDoesNotReturnOnceASignalEndsTheProcess)
+{
+    Child child([] {
+        start_other_thread([] {
+            zt_exit_hold_state hold;
+            zt_exit_hold(&hold);
+        });
+        register_function(say_when_other_thread_is_parked);
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(child.said(), "parked:15 ");
+    EXPECT_EQ(child.ended_by(), SIGTERM);
+}
+
+TEST(ExitHandlers, FunctionItselfMayHold)
+{
+    Child child([] {
+        register_function([](int signo) {
+            zt_exit_hold_state hold;
+            zt_exit_hold(&hold);
+            zt_exit_release(&hold);
+            say("held:", signo);
+        });
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(child.said(), "held:15 ");
+    EXPECT_EQ(child.ended_by(), SIGTERM);
+}
+
+TEST(ExitHandlers, HoldOfAnotherThreadDelaysTheFunctions)
+{
+    Child child([] {
+        register_function(first);
+        const pid_t main_thread = forked::thread_id();
+        std::thread([=] {
+            zt_exit_hold_state hold;
+            zt_exit_hold(&hold);
+            say("held ");
+            step = 1;
+            forked::comes_true([=] { return forked::blocks(main_thread, SIGTERM); });
+            say("released ");
+            zt_exit_release(&hold);
+            for (;;) pause();
+        }).detach();
+        wait_for_step(1);
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(child.said(), "held released first:15 ");
+    EXPECT_EQ(child.ended_by(), SIGTERM);
+}
+
+TEST(ExitHandlers, HoldThatIsNeverReleasedDoesNotKeepTheProcess)
+{
+    Child child([] {
+        register_function(first);
+        std::thread([] {
+            zt_exit_hold_state hold;
+            zt_exit_hold(&hold);
+            step = 1;
+            for (;;) pause();
+        }).detach();
+        wait_for_step(1);
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(child.said(), "first:15 ");
+    EXPECT_EQ(child.ended_by(), SIGTERM);
+}
+
+TEST(ExitHandlers, SignalForAThreadThatHoldsComesAtTheRelease)
+{
+    Child child([] {
+        register_function(first);
+        zt_exit_hold_state outer;
+        zt_exit_hold_state inner;
+        zt_exit_hold(&outer);
+        zt_exit_hold(&inner);
+        raise(SIGTERM);
+        zt_exit_release(&inner);
+        say("still held ");
+        errno = 77;
+        zt_exit_release(&outer);
+        say("went on ");
+    });
+    EXPECT_EQ(child.said(), "still held first:15 ");
+    EXPECT_EQ(child.ended_by(), SIGTERM);
+}
+
+TEST(ExitHandlers, HoldKeepsErrnoAndRestoresTheMask)
+{
+    Child child([] {
+        sigset_t before;
+        sigemptyset(&before);
+        sigaddset(&before, SIGUSR1);
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        errno = 77;
+        zt_exit_hold_state hold;
+        zt_exit_hold(&hold);
+        zt_exit_release(&hold);
+        say("", errno);
+        sigset_t after;
+        pthread_sigmask(SIG_SETMASK, nullptr, &after);
+        say("", sigismember(&after, SIGUSR1));
+        say("", sigismember(&after, SIGUSR2));
+    });
+    EXPECT_EQ(child.said(), "77 1 0 ");
+}
+
+TEST(ExitHandlers, ForkedChildEndsByItselfWithoutTouchingItsParent)
+{
+    Child child([] {
+        register_function(first);
+        zt_exit_hold_state hold;
+        zt_exit_hold(&hold);
+        const pid_t pid = fork();
+        zt_exit_release(&hold);
+        if (pid == 0) {
+            raise(SIGTERM);
+            _exit(1);
+        }
+        int wait_status = 0;
+        waitpid(pid, &wait_status, 0);
+        say("child by:", WTERMSIG(wait_status));
+    });
+    EXPECT_EQ(child.said(), "first:15 child by:15 first:0 ");
+    EXPECT_EQ(child.exit_code(), 0);
+}
+
+TEST(ExitHandlers, ForkedChildDoesNotInheritAnEndThatWasUnderWay)
+{
+    Child child([] {
+        // The other thread forks while this one is ending the process.
+        start_other_thread([] {
+            const pid_t pid = fork();
+            if (pid == 0) {
+                register_function(first);
+                zt_exit_hold_state hold;
+                zt_exit_hold(&hold);
+                zt_exit_release(&hold);
+                raise(SIGHUP);
+            }
+            int wait_status = 0;
+            waitpid(pid, &wait_status, 0);
+            say("child by:", WTERMSIG(wait_status));
+            step = 2;
+        });
+        register_function([](int) {
+            step = 1;
+            wait_for_step(2);
+        });
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(child.said().substr(0, 19), "first:1 child by:1 ");
+    EXPECT_EQ(child.ended_by(), SIGTERM);
+}
+
+TEST(ExitHandlers, RacingRegistrationsAllStand)
+{
+    Child child([] {
+        std::thread one([] { register_numbered(std::make_integer_sequence<int, 16>()); });
+        std::thread two([] { register_numbered(std::make_integer_sequence<int, 32>()); });
+        one.join();
+        two.join();
+    });
+    std::string said = child.said();
+    EXPECT_EQ(std::count(said.begin(), said.end(), ' '), 32);
+}

@@ -133,7 +133,7 @@ class Destination {
 
 constexpr std::size_t bytes_per_line = 16;
 /// Blanks, offset, hexadecimal bytes, text between bars, newline.
-constexpr std::size_t dump_line_room = 6 + 8 + 1 + 3 * bytes_per_line + 2 + bytes_per_line + 2 + 1;
+constexpr std::size_t dump_line_room = 6 + 8 + 1 + 3 * bytes_per_line + 2 + bytes_per_line + 2;
 
 char* put_hex(char* out, unsigned value, int digits)
 {

@@ -43,7 +43,7 @@ ZT_API int zt_trace_msg(const char* format, ...) ZT_PRINTF(1, 2);
 /// Dumps data: 16 bytes a line, each line six blanks, the offset (eight hexadecimal digits), the bytes in
 /// hexadecimal, and between bars the same bytes as text with a point for each that is not printable ASCII:
 /// @code
-///       00000000  48 65 6c 6c 6f 0a                                |Hello.|
+///      00000000  48 65 6c 6c 6f 2e 0a                            |Hello..|
 /// @endcode
 /// @param zero   reserved, 0; ignored.
 /// @param data   the bytes; null is allowed only with length 0.

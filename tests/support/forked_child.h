@@ -22,6 +22,22 @@ namespace forked {
 
 constexpr auto deadline = std::chrono::seconds(30);
 
+#if defined(__SANITIZE_THREAD__)
+#define FORKED_UNDER_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define FORKED_UNDER_THREAD_SANITIZER 1
+#endif
+#endif
+
+/// ThreadSanitizer runs a handler only when the thread makes its next call that it knows: a read that the
+/// system restarts, or a child forked from several threads, may never get there.
+#ifdef FORKED_UNDER_THREAD_SANITIZER
+inline constexpr bool handlers_come_late = true;
+#else
+inline constexpr bool handlers_come_late = false;
+#endif
+
 inline int to_parent = -1;    // in the child
 inline int from_parent = -1;  // in the child
 

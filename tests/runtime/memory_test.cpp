@@ -237,12 +237,13 @@ TEST_F(Memory, ResizingWithAnotherClassIsRefusedAndTraced)
 
 TEST_F(Memory, WhatIsNoBlockOfOursIsLeftAlone)
 {
-    alignas(16) char foreign[64] = {};
+    alignas(16) std::int32_t foreign[16];
+    std::fill(std::begin(foreign), std::end(foreign), pipe_class);
     CapturedStderr captured;
-    zt_mem_ifree(pipe_class, foreign + 16, nullptr, 5);
+    zt_mem_ifree(pipe_class, foreign + 4, nullptr, 5);
     EXPECT_NE(captured.text().find("is no block of this allocator"), std::string::npos);
-    EXPECT_EQ(resized(foreign + 16, 5), nullptr);
-    EXPECT_TRUE(all(foreign, 0, sizeof foreign, 0));
+    EXPECT_EQ(resized(foreign + 4, 5), nullptr);
+    for (const auto word : foreign) EXPECT_EQ(word, pipe_class);
 }
 
 TEST_F(Memory, FreeingNullDoesNothing)

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zt/runtime/environment.h>
 #include <zt/runtime/trace.h>
 
 #include <atomic>
@@ -54,7 +55,6 @@ class Handler {
 void use_trace_file(const char* path)
 {
     path ? setenv("ZT_TRACE_FILE", path, 1) : unsetenv("ZT_TRACE_FILE");
-    zt_trace_reread();
 }
 
 class Trace : public testing::Test {
@@ -189,17 +189,26 @@ TEST_F(Trace, AFileThatWasMovedAwayIsMadeAgain)
     EXPECT_EQ(file.content(), "two\n");
 }
 
-TEST_F(Trace, TheVariableIsReadOnceUntilToldOtherwise)
+TEST_F(Trace, AChangeOfTheVariableCountsFromTheNextLineOn)
 {
     const TempPath first, second;
     use_trace_file(first.c_str());
     zt_trace_msg("one");
-    setenv("ZT_TRACE_FILE", second.c_str(), 1);
+    use_trace_file(second.c_str());
     zt_trace_msg("two");
-    EXPECT_EQ(first.content(), "one\ntwo\n");
-    zt_trace_reread();
-    zt_trace_msg("three");
-    EXPECT_EQ(second.content(), "three\n");
+    EXPECT_EQ(first.content(), "one\n");
+    EXPECT_EQ(second.content(), "two\n");
+}
+
+TEST_F(Trace, TheVariableOfTheProcessCountsWhileAnotherEnvironmentIsLent)
+{
+    const TempPath file;
+    use_trace_file(file.c_str());
+    const char* const lent[] = {nullptr};
+    char** const own = zt_environ_lend(lent);
+    zt_trace_msg("one");
+    zt_environ_take_back(own);
+    EXPECT_EQ(file.content(), "one\n");
 }
 
 TEST_F(Trace, AnEmptyVariableMeansStandardError)

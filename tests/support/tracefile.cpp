@@ -50,7 +50,6 @@ TraceFile::TraceFile()
     was_set_ = value != nullptr;
     if (was_set_) old_value_ = value;
     setenv("ZT_TRACE_FILE", path().c_str(), 1);
-    zt_trace_reread();
 }
 
 TraceFile::~TraceFile()
@@ -60,13 +59,11 @@ TraceFile::~TraceFile()
     } else {
         unsetenv("ZT_TRACE_FILE");
     }
-    zt_trace_reread();
 }
 
 TraceOnStandardError::TraceOnStandardError()
 {
     unsetenv("ZT_TRACE_FILE");
-    zt_trace_reread();
     fflush(stderr);
     saved_stderr_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
     const int file = open(path().c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);

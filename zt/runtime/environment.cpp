@@ -2,6 +2,7 @@
 #include <zt/runtime/environment.h>
 #include <zt/runtime/memory.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -10,6 +11,9 @@
 namespace {
 
 constexpr int memory_class = 2;
+
+/// The process's own environment while another one is lent to it; null otherwise.
+constinit std::atomic<char**> own_environment{nullptr};
 
 /// Length of the name in NAME=value, 0 for an entry of another form.
 size_t name_length(const char* entry)
@@ -143,9 +147,30 @@ void merge(Builder& builder, Names names, const char* const* current, const char
 
 }  // namespace
 
+// Looked up by hand: getenv would look into the lent environment.
 extern "C" const char* zt_getenv(const char* name)
 {
-    return name && *name != '\0' && !strchr(name, '=') ? getenv(name) : nullptr;
+    if (!name || *name == '\0' || strchr(name, '=')) return nullptr;
+    char* const* entry = own_environment.load(std::memory_order_acquire);
+    if (!entry) entry = environ;
+    const size_t length = strlen(name);
+    for (; entry && *entry; ++entry)
+        if (strncmp(*entry, name, length) == 0 && (*entry)[length] == '=') return *entry + length + 1;
+    return nullptr;
+}
+
+extern "C" char** zt_environ_lend(const char* const* envp)
+{
+    char** const own = environ;
+    own_environment.store(own, std::memory_order_release);
+    environ = const_cast<char**>(envp);
+    return own;
+}
+
+extern "C" void zt_environ_take_back(char** own)
+{
+    if (own) environ = own;
+    own_environment.store(nullptr, std::memory_order_release);
 }
 
 extern "C" int zt_combine_environs(const char* const* envp, int merge_current, char*** out)

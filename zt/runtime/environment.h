@@ -13,12 +13,34 @@ extern "C" {
 /// @return its value, which belongs to the environment and stays valid until the variable is changed; null
 ///         when there is no such variable.
 ///
+/// While another environment is lent to the process (zt_environ_lend) the process's own one still answers.
 /// Leaves `errno` as it was. Not safe against a thread that changes the environment at the same time.
+/// Async-signal-safe.
 ///
 /// @code
 /// if (const char* file = zt_getenv("ZT_TRACE_FILE")) open_trace(file);
 /// @endcode
 ZT_API const char* zt_getenv(const char* name);
+
+/// Lends the process another environment, for a call that starts a child and knows no environment argument.
+///
+/// @param envp the vector that becomes `environ`, ended by a null pointer; not null; not copied.
+/// @return the process's own environment, for zt_environ_take_back(); null when it had none.
+///
+/// One loan at a time: the caller holds a lock from here to the return. Leaves `errno` as it was.
+///
+/// @code
+/// char** own = zt_environ_lend(envp);
+/// FILE* stream = popen(command, "r");
+/// zt_environ_take_back(own);
+/// @endcode
+ZT_API char** zt_environ_lend(const char* const* envp);
+
+/// Ends the loan.
+///
+/// @param own what zt_environ_lend() returned. With null, for a process that had no environment, the lent one
+///        stays installed.
+ZT_API void zt_environ_take_back(char** own);
 
 /// Makes the environment vector for a child.
 ///

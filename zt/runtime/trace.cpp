@@ -2,40 +2,20 @@
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
+#include <zt/runtime/environment.h>
 #include <zt/runtime/errno_guard.h>
-#include <zt/runtime/text.h>
 #include <zt/runtime/trace.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 namespace {
 
-enum class Remembered { nothing, being_written, path };
-
 constexpr int patience_ms = 1000;
-std::atomic<Remembered> remembered{Remembered::nothing};
-char remembered_path[PATH_MAX];
-
-/// The file to append to; null or empty for standard error.
-const char* trace_path()
-{
-    if (remembered.load(std::memory_order_acquire) == Remembered::path) return remembered_path;
-    const char* path = std::getenv("ZT_TRACE_FILE");
-    // Whoever comes while another one fills the buffer goes by the variable itself this once.
-    Remembered expected = Remembered::nothing;
-    if (remembered.compare_exchange_strong(expected, Remembered::being_written)) {
-        zt_strncpy(remembered_path, path, sizeof remembered_path);
-        remembered.store(Remembered::path, std::memory_order_release);
-    }
-    return path;
-}
 
 int above_standard_streams(int fd)
 {
@@ -85,7 +65,7 @@ class Destination {
   public:
     Destination()
     {
-        const char* path = trace_path();
+        const char* path = zt_getenv("ZT_TRACE_FILE");
         if (!path || !*path) return;
         // Non-blocking, so that a named pipe without a reader is refused instead of waited for.
         constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
@@ -197,9 +177,4 @@ extern "C" int zt_trace_buffer(int, const void* data, int length)
         total += line_length;
     }
     return static_cast<int>(std::min<std::size_t>(total, INT_MAX));
-}
-
-extern "C" void zt_trace_reread(void)
-{
-    remembered.store(Remembered::nothing);
 }

@@ -4,9 +4,9 @@
 /// Lines go to standard error, or are appended to the file that the environment variable ZT_TRACE_FILE
 /// names. What a file cannot take (it cannot be opened, the disk is full) goes to standard error instead.
 ///
-/// - The variable is read once, at the first trace line of the process, and remembered: a signal handler
-///   that interrupts a change of the environment, or a thread that looks while another changes it, would
-///   read freed memory. An application that sets the variable later calls zt_trace_reread.
+/// - The variable is looked up for each call, in the process's own environment also while a launch has lent
+///   it another one (zt_environ_lend), so a change counts from the next line on. As with every reader of the
+///   environment, no other thread may change it meanwhile.
 /// - The file is opened, appended to and closed for each call. So it may be moved or removed at any time, no
 ///   descriptor is held that a child could inherit or that code closing "all other descriptors" could take
 ///   away, and several processes can share a file. It is made with mode 0600: traces show data.
@@ -52,10 +52,6 @@ ZT_API int zt_trace_msg(const char* format, ...) ZT_PRINTF(1, 2);
 /// (nothing is written), or
 ///         when writing failed.
 ZT_API int zt_trace_buffer(int zero, const void* data, int length);
-
-/// Has ZT_TRACE_FILE read again at the next line. For an application that sets the variable at run time:
-/// call it while no other thread traces.
-ZT_API void zt_trace_reread(void);
 
 }  // extern "C"
 

@@ -1,6 +1,7 @@
 // Starting a COMMAND pipe's child: a command line for the shell, run by popen.
 #include <unistd.h>
 #include <zt/runtime/command.h>
+#include <zt/runtime/environment.h>
 #include <zt/runtime/errors.h>
 #include <zt/ztpipe/launch.h>
 
@@ -76,18 +77,14 @@ void redirect_stderr(Report& report, zt_pipe& pipe)
         append(report, at::combine_too_long, pipe, combine);
 }
 
-// popen knows no environment argument, so the process's own is exchanged for the moment, under the table's
-// lock. A process without any keeps the child's environment afterwards: a simplification that is kept.
+// popen knows no environment argument, so the process is lent the child's for the moment, under the table's
+// lock. A process without any environment keeps the child's afterwards: a simplification that is kept.
 void start_shell(zt_pipe& pipe, const char* const* envp)
 {
     const TableLock lock;
-    char** own = nullptr;
-    if (envp != nullptr) {
-        own = environ;
-        environ = const_cast<char**>(envp);
-    }
+    char** const own = envp != nullptr ? zt_environ_lend(envp) : nullptr;
     pipe.fh = popen(pipe.cmdline, pipe.direction == ZT_PIPE_WRITES ? "w" : "r");
-    if (own != nullptr) environ = own;
+    if (envp != nullptr) zt_environ_take_back(own);
 }
 
 void trace_start(const zt_pipe& pipe)

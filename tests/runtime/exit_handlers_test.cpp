@@ -244,15 +244,29 @@ TEST(ExitHandlers, RegistrationUnderAnArmedLatchSeesTheRealInterruptAction)
 TEST(ExitHandlers, ArmedLatchDoesNotStopAnotherFatalSignal)
 {
     Child child([] {
-        register_function([](int) {
-            zt_sys_arm_interrupt();
-            zt_sys_disarm_interrupt();
-            say("ran ");
-        });
+        register_function(first);
         zt_sys_arm_interrupt();
         raise(SIGTERM);
     });
-    EXPECT_EQ(child.said(), "ran ");
+    EXPECT_EQ(child.said(), "first:15 ");
+    EXPECT_EQ(child.ended_by(), SIGTERM);
+}
+
+TEST(ExitHandlers, FunctionsOfASignalFindTheLatchOutOfTheirWay)
+{
+    Child child([] {
+        register_function([](int) {
+            struct sigaction before;
+            struct sigaction armed;
+            sigaction(SIGINT, nullptr, &before);
+            zt_sys_arm_interrupt();
+            sigaction(SIGINT, nullptr, &armed);
+            zt_sys_disarm_interrupt();
+            say("same:", before.sa_handler == armed.sa_handler);
+        });
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(child.said(), "same:1 ");
     EXPECT_EQ(child.ended_by(), SIGTERM);
 }
 
@@ -477,26 +491,46 @@ TEST(ExitHandlers, FunctionItselfMayHold)
     EXPECT_EQ(child.ended_by(), SIGTERM);
 }
 
+namespace {
+
+void be_ended_while_another_thread_holds()
+{
+    register_function(first);
+    const pid_t main_thread = forked::thread_id();
+    std::thread([=] {
+        zt_exit_hold_state hold;
+        zt_exit_hold(&hold);
+        say("held ");
+        step = 1;
+        forked::comes_true([=] { return forked::blocks(main_thread, SIGTERM); });
+        say("released ");
+        zt_exit_release(&hold);
+        for (;;) pause();
+    }).detach();
+    wait_for_step(1);
+    raise(SIGTERM);
+}
+
+}  // namespace
+
 TEST(ExitHandlers, HoldOfAnotherThreadDelaysTheFunctions)
 {
-    Child child([] {
-        register_function(first);
-        const pid_t main_thread = forked::thread_id();
-        std::thread([=] {
-            zt_exit_hold_state hold;
-            zt_exit_hold(&hold);
-            say("held ");
-            step = 1;
-            forked::comes_true([=] { return forked::blocks(main_thread, SIGTERM); });
-            say("released ");
-            zt_exit_release(&hold);
-            for (;;) pause();
-        }).detach();
-        wait_for_step(1);
-        raise(SIGTERM);
-    });
+    Child child(be_ended_while_another_thread_holds);
     EXPECT_EQ(child.said(), "held released first:15 ");
     EXPECT_EQ(child.ended_by(), SIGTERM);
+}
+
+TEST(ExitHandlers, ChildForkedWithinAHoldCountsItsOwnHoldsOnly)
+{
+    Child child([] {
+        zt_exit_hold_state hold;
+        zt_exit_hold(&hold);
+        const pid_t pid = fork();
+        zt_exit_release(&hold);
+        if (pid == 0) be_ended_while_another_thread_holds();
+        waitpid(pid, nullptr, 0);
+    });
+    EXPECT_EQ(child.said(), "held released first:15 ");
 }
 
 TEST(ExitHandlers, HoldThatIsNeverReleasedDoesNotKeepTheProcess)

@@ -4,7 +4,8 @@
 /// At normal exit (`exit`, return from `main`, in whatever thread) the registered functions run with 0, the
 /// last registered first. When a fatal signal ends the process they run with the signal's number, and then
 /// the process still ends by that very signal, so that its parent sees the truth. `_exit`, `quick_exit`,
-/// SIGKILL and a successful exec run nothing.
+/// SIGKILL and a successful exec run nothing. The first process of a container, which the system spares from
+/// default actions, exits with 128 + the signal's number instead.
 ///
 /// Which signals: zt::asynchronous_fatal_signals and zt::crash_signals (signals.h), each where its action was
 /// the default when a function was registered. A handler that the application installed and an ignored
@@ -91,7 +92,8 @@ ZT_API bool zt_exit_in_signal(void);
 ///
 /// All signals of the thread are held back until zt_exit_release(), and a fatal signal that another thread
 /// receives waits for the release. Holds nest. Once a signal is ending the process this does not return on
-/// any other thread. Keep the stretch short: nothing in it may wait for another thread.
+/// any other thread. Keep the stretch short: what waits in it for another thread (also fork and malloc, which
+/// wait for the heap's lock when the signal has interrupted its owner) costs a dying process the full second.
 ///
 /// @param state where the thread's mask is kept; not null; one for each hold.
 ///

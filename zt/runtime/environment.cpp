@@ -1,3 +1,4 @@
+#include <pthread.h>
 #include <unistd.h>
 #include <zt/runtime/environment.h>
 #include <zt/runtime/memory.h>
@@ -144,6 +145,18 @@ void merge(Builder& builder, Names names, const char* const* current, const char
             place(builder, *slot);
     }
 }
+
+}  // namespace
+
+namespace {
+
+/// A child that one thread forks while another one has the environment lent starts with the process's own.
+void take_back_in_child()
+{
+    zt_environ_take_back(own_environment.load(std::memory_order_relaxed));
+}
+
+[[maybe_unused]] const int fork_handler = pthread_atfork(nullptr, nullptr, take_back_in_child);
 
 }  // namespace
 

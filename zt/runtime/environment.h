@@ -27,7 +27,8 @@ ZT_API const char* zt_getenv(const char* name);
 /// @param envp the vector that becomes `environ`, ended by a null pointer; not null; not copied.
 /// @return the process's own environment, for zt_environ_take_back(); null when it had none.
 ///
-/// One loan at a time: the caller holds a lock from here to the return. Leaves `errno` as it was.
+/// A child forked meanwhile has the process's own. One loan at a time: the caller holds a lock from here to
+/// the return. Leaves `errno` as it was.
 ///
 /// @code
 /// char** own = zt_environ_lend(envp);

@@ -1,10 +1,12 @@
 // The handle table: who has which handle.
+#include <pthread.h>
 #include <zt/runtime/errors.h>
 #include <zt/ztpipe/codes.h>
 #include <zt/ztpipe/operation.h>
 
 #include <cerrno>
 #include <climits>
+#include <new>
 
 extern "C" {
 zt_pipe** Zt_pipes = nullptr;
@@ -22,6 +24,15 @@ constexpr int growth_line = 1057;
 
 // Known from the program's start on, so that what() can name a code that comes before the first open.
 [[maybe_unused]] const bool codes_are_known = (zt_error_add_codes(code_texts, code_text_count), true);
+
+// The lock is not held across a fork, but another thread may have it at that moment; in the child nobody
+// would ever give it back.
+void unlock_in_child()
+{
+    new (&Zt_pipe_mtx) zt::Mtx;
+}
+
+[[maybe_unused]] const int fork_handler = pthread_atfork(nullptr, nullptr, unlock_in_child);
 
 namespace at {
 constexpr Site no_room{1059, ZT_PIPE_E_NOMEM};

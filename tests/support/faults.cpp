@@ -107,7 +107,7 @@ ssize_t transfer(Function function, size_t asked, Real real)
 {
     const Fault* fault = consult(function);
     if (!fault) return real(asked);
-    if (part(*fault, asked) == 0) return fail<ssize_t>(*fault, -1);
+    if (fault->result.value_or(0) <= 0) return fail<ssize_t>(*fault, -1);
     const ssize_t moved = real(part(*fault, asked));
     if (fault->error) errno = fault->error;
     return moved;

@@ -70,10 +70,17 @@ std::string with_terminators(const Words& words)
     return result;
 }
 
-/// What /bin/sh makes of a line of words.
-std::string seen_by_shell(const std::string& line)
+/// What a shell makes of a line of words.
+std::string seen_by_shell(const std::string& line, const std::string& shell = "/bin/sh")
 {
-    return output_of("printf '%s\\0' " + line);
+    char script[] = "/tmp/zt-command-XXXXXX";
+    const int descriptor = mkstemp(script);
+    const std::string text = "printf '%s\\0' " + line + "\n";
+    EXPECT_EQ(write(descriptor, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    close(descriptor);
+    const std::string output = output_of(shell + " " + script);
+    unlink(script);
+    return output;
 }
 
 Words every_byte()
@@ -239,7 +246,10 @@ TEST(CommandJoin, AFirstWordIsNoAssignmentAndNoSyntax)
 TEST(CommandJoin, TheShellSeesEveryByte)
 {
     const Words words = every_byte();
-    EXPECT_EQ(seen_by_shell(join(words)), with_terminators(words));
+    for (const char* shell : {"/bin/sh", "/bin/bash", "/bin/ksh"}) {
+        if (access(shell, X_OK) != 0) continue;
+        EXPECT_EQ(seen_by_shell(join(words), shell), with_terminators(words)) << shell;
+    }
 }
 
 TEST(CommandJoin, TheShellSeesRandomWords)

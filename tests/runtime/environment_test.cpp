@@ -1,5 +1,5 @@
 #include <gtest/gtest.h>
-#include <sys/resource.h>
+#include <tests/support/faults.h>
 #include <unistd.h>
 #include <zt/runtime/environment.h>
 #include <zt/runtime/memory.h>
@@ -7,20 +7,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define UNDER_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define UNDER_SANITIZER 1
-#endif
-#endif
-#ifndef UNDER_SANITIZER
-#define UNDER_SANITIZER 0
-#endif
 
 namespace {
 
@@ -225,42 +213,33 @@ TEST_F(Environment, NullArgumentsFail)
     EXPECT_EQ(errno, EINVAL);
 }
 
-/// Lets the process have no more memory than it has now.
-class NoMoreMemory {
-  public:
-    NoMoreMemory()
-    {
-        getrlimit(RLIMIT_AS, &before_);
-        long pages = 0;
-        std::ifstream("/proc/self/statm") >> pages;
-        const rlimit now{static_cast<rlim_t>(pages * sysconf(_SC_PAGESIZE)), before_.rlim_max};
-        setrlimit(RLIMIT_AS, &now);
-    }
-    ~NoMoreMemory() { setrlimit(RLIMIT_AS, &before_); }
-
-  private:
-    rlimit before_{};
-};
-
 TEST_F(Environment, ShortOfMemoryFails)
 {
-    if (UNDER_SANITIZER) GTEST_SKIP() << "a sanitizer needs address space of its own";
-    Vector envp({"A=" + std::string(64 << 20, 'x')});
-    char* untouched = nullptr;
+    Vector envp({"A=1"});
     for (int merge : {0, 1}) {
+        char* untouched = nullptr;
         char** combined = &untouched;
-        int result = 0;
-        int error = 0;
-        {
-            NoMoreMemory limit;
-            errno = 0;
-            result = zt_combine_environs(envp.get(), merge, &combined);
-            error = errno;
-        }
-        EXPECT_LT(result, 0);
-        EXPECT_EQ(error, ENOMEM);
+        faults::Plan plan{{.function = faults::Function::calloc, .error = ENOMEM}};
+        errno = 0;
+        EXPECT_LT(zt_combine_environs(envp.get(), merge, &combined), 0);
+        EXPECT_EQ(errno, ENOMEM);
+        EXPECT_TRUE(plan.fired());
         EXPECT_EQ(combined, nullptr);
     }
+}
+
+TEST_F(Environment, TheResultIsOneBlock)
+{
+    Vector current({"A=1", "B=2"});
+    Vector envp({"B=3", "C=4"});
+    environ = current.get();
+    faults::Plan count_only{};
+    char** combined = nullptr;
+    ASSERT_EQ(zt_combine_environs(envp.get(), 1, &combined), 0);
+    EXPECT_EQ(faults::calls(faults::Function::calloc), 1);
+    EXPECT_EQ(faults::calls(faults::Function::malloc), 0);
+    EXPECT_EQ(faults::calls(faults::Function::realloc), 0);
+    zt_mem_ifree(2, combined, __FILE__, __LINE__);
 }
 
 }  // namespace

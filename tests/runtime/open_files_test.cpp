@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <tests/support/faults.h>
 #include <unistd.h>
 #include <zt/runtime/memory.h>
 #include <zt/runtime/open_files.h>
@@ -203,6 +204,17 @@ TEST_F(OpenFiles, AnEntryIsOneBlockAndGivesItBack)
     EXPECT_EQ(zt_heapsize_class(3), 2 * one);
     zt_ifile_del_entry(kind, &blocks[0]);
     EXPECT_EQ(zt_heapsize_class(3), one);
+}
+
+TEST_F(OpenFiles, ShortOfMemoryThereIsNoEntry)
+{
+    faults::Plan plan{{.function = faults::Function::calloc, .error = ENOMEM}};
+    errno = 0;
+    EXPECT_LT(add("one", &blocks[0]), 0);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_TRUE(plan.fired());
+    EXPECT_EQ(zt_ifile_count(kind), 0);
+    EXPECT_EQ(add("one", &blocks[0]), 0);
 }
 
 TEST_F(OpenFiles, ErrnoSurvives)

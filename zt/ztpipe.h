@@ -136,8 +136,10 @@ struct zt_pipe {
     std::uint32_t stderr_mode;              ///< ZT_PIPE_STDERR_*
     std::int32_t size;                      ///< SIZE value, default 65536
     std::int32_t read_size;                 ///< READSIZE value in bytes, default 32768
-    std::int32_t owner;  ///< process that opened the pipe: only it ends the child at its exit
-    std::int32_t busy;   ///< 1 while an operation works on the pipe
+    std::int32_t owner;        ///< process that opened the pipe: only it ends the child at its exit
+    std::int32_t busy;         ///< 1 while an operation works on the pipe
+    std::uint8_t bulk_reads;   ///< full reads so far, until the pipe was widened
+    std::uint8_t bulk_writes;  ///< large writes so far, until the pipe was widened
 };
 
 /// Flag slots of a debug category.
@@ -194,8 +196,11 @@ extern ZT_API std::uint32_t Zt_pipe_debug_initialized;
 /// | KORN | COMMAND: run by `ksh -c` |
 /// | MERGE_ENV | `envp` is laid over the current environment instead of replacing it |
 /// | READSIZE=n | bytes that the unlimited read asks for at a time, default 32768 |
-/// | SIZE=n | stored, default 65536 |
+/// | SIZE=n | capacity of the pipe in bytes to ask the system for; default 65536, see below |
 /// | ASCII, BINARY, USERNAME=x, PASSWORD=x, $POPEN | stored or accepted, without effect of their own |
+///
+/// With the default SIZE a pipe that turns out to carry bulk data (four full reads, or four writes of 32 KiB
+/// and more) is widened once, to 256 KiB. A refusal by the system passes silently.
 ///
 /// Without PROGRAM or COMMAND nothing is launched, deliberately: the handle has no child, reads and writes on
 /// it fail with EBADF. A program that does not exist is no failure of a PROGRAM open: the child ends with

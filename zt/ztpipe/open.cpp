@@ -3,6 +3,7 @@
 #include <zt/runtime/environment.h>
 #include <zt/runtime/errors.h>
 #include <zt/runtime/open_files.h>
+#include <zt/ztpipe/capacity.h>
 #include <zt/ztpipe/open_options.h>
 #include <zt/ztpipe/operation.h>
 
@@ -108,6 +109,7 @@ void launch(Operation& op, const Request& request, zt_pipe& pipe, const char* co
     if (pipe.mode == ZT_PIPE_MODE_COMMAND) zt_pipe_popen(&pipe, request.argv, environment, &op.status);
     if (pipe.mode == ZT_PIPE_MODE_PROGRAM) zt_pipe_fork(&pipe, request.argv, environment, &op.status);
     if (op.failed()) return;
+    ask_for_capacity(pipe);
     // Without PROGRAM or COMMAND the pipe has no child; it gets its handle and its entry all the same.
     zt_ifile_add_entry(pipe_entry, request.program, &pipe, 0, request.file, request.line);
 }

@@ -10,7 +10,6 @@
 namespace zt::pipe {
 namespace {
 
-constexpr int default_size = 65536;
 constexpr int default_read_size = 32768;
 
 namespace at {

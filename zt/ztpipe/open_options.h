@@ -7,6 +7,9 @@
 
 namespace zt::pipe {
 
+/// SIZE when the caller gives none.
+inline constexpr int default_size = 65536;
+
 /// What the options say beside the fields of the control block.
 struct OpenOptions {
     bool merge_environment = false;

@@ -1,5 +1,6 @@
 // Reading the child's output: into the caller's buffer, or into one that the pipe owns and grows.
 #include <unistd.h>
+#include <zt/ztpipe/capacity.h>
 #include <zt/ztpipe/read.h>
 
 #include <cstdio>
@@ -37,6 +38,7 @@ int transfer_stream(Operation& op, zt_pipe& pipe, char* into, std::size_t reques
     const std::size_t count = std::fread(into, 1, request, pipe.fh);
     if (count > 0) {
         progress.retries = 0;
+        note_read(pipe, count, request);
         return static_cast<int>(count);
     }
     if (std::ferror(pipe.fh)) {
@@ -60,7 +62,10 @@ int transfer_descriptor(Operation& op, zt_pipe& pipe, char* into, std::size_t re
                         Progress& progress)
 {
     const ssize_t count = read(pipe.read_fd, into, request);
-    if (count > 0) return static_cast<int>(count);
+    if (count > 0) {
+        note_read(pipe, static_cast<std::size_t>(count), request);
+        return static_cast<int>(count);
+    }
     if (count < 0) {
         if (errno == EINTR && retry_allowed(progress)) return 0;
         return fail_transfer(op, pipe, at.read_interrupted, at.read_failed);
@@ -75,9 +80,8 @@ int transfer(Operation& op, zt_pipe& pipe, char* into, std::size_t request, cons
 {
     if (pipe.mode == ZT_PIPE_MODE_COMMAND) return transfer_stream(op, pipe, into, request, at, progress);
     if (pipe.mode == ZT_PIPE_MODE_PROGRAM) return transfer_descriptor(op, pipe, into, request, at, progress);
-    op.fail_system(at.read_failed, pipe.program,
-                   EBADF);  // no child: never the application's own descriptor 0
-    return stop;
+    errno = EBADF;  // no child: never the application's own descriptor 0
+    return fail_transfer(op, pipe, at.read_interrupted, at.read_failed);
 }
 
 }  // namespace

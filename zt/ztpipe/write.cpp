@@ -1,5 +1,6 @@
 // Writing to the child.
 #include <unistd.h>
+#include <zt/ztpipe/capacity.h>
 #include <zt/ztpipe/operation.h>
 
 #include <atomic>
@@ -23,7 +24,7 @@ constexpr Site negative_length{4031, ZT_PIPE_E_TOOLONG};
 
 void write_stream(Operation& op, zt_pipe& pipe, const void* buffer, std::size_t length)
 {
-    if (std::fwrite(buffer, 1, length, pipe.fh) == length) return;
+    if (std::fwrite(buffer, 1, length, pipe.fh) == length) return note_write(pipe, length);
     if (interrupted()) return op.fail(at::stream_interrupted);
     op.fail_system(at::stream_failed, pipe.program);
 }
@@ -41,7 +42,7 @@ void explain_failed_write(Operation& op, zt_pipe& pipe, int handle, int error)
 
 void write_descriptor(Operation& op, zt_pipe& pipe, int handle, const void* buffer, std::size_t length)
 {
-    if (write(pipe.write_fd, buffer, length) == static_cast<ssize_t>(length)) return;
+    if (write(pipe.write_fd, buffer, length) == static_cast<ssize_t>(length)) return note_write(pipe, length);
     const int error = errno;
     if (interrupted()) return op.fail(at::write_interrupted);
     explain_failed_write(op, pipe, handle, error);

@@ -1,104 +1,82 @@
 /// @file
-/// Opening pipes, reading them and looking at them, for tests whose subject is what happens on an open pipe.
+/// The steps that nearly every test of the pipes takes.
 #ifndef ZT_TESTS_SUPPORT_PIPES_H
 #define ZT_TESTS_SUPPORT_PIPES_H
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <zt/ztpipe/internal.h>
 
-#include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "tests/support/children.h"
+#include "tests/support/record.h"
 
 namespace pipes {
 
-/// A pipe that must open, and that is closed at the end of the scope unless the test has closed it.
-class Pipe {
-  public:
-    Pipe(const std::string& program, const std::string& options)
-    {
-        zt::Status status;
-        handle_ = ZT_PIPE_OPEN(program.c_str(), options.c_str(), nullptr, nullptr, &status);
-        if (handle_ < 0) ADD_FAILURE() << status.what();
-    }
-    ~Pipe() { close(); }
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-
-    operator int() const { return handle_; }
-    zt_pipe* operator->() const { return Zt_pipes[handle_]; }
-
-    /// The code of the close; 0 when the pipe is closed already.
-    int close(const char* options = "")
-    {
-        if (handle_ < 0) return 0;
-        zt::Status status;
-        const int code = ZT_PIPE_CLOSE(handle_, options, &status);
-        handle_ = -1;
-        return code;
-    }
-
-  private:
-    int handle_;
-};
-
-/// To one of the child programs of the tests.
-inline Pipe to_program(const std::string& name_and_arguments, const std::string& more_options = "")
+/// Opens a pipe that has to open.
+///
+/// @code
+///     const int handle = pipes::open(child("echo_lines"));
+/// @endcode
+inline int open(const std::string& program, const char* options = "PROGRAM",
+                const char* const* argv = nullptr, const char* const* envp = nullptr)
 {
-    return Pipe(child(name_and_arguments), "PROGRAM " + more_options);
+    zt::Status status;
+    const int handle = ZT_PIPE_OPEN(program.c_str(), options, argv, envp, &status);
+    EXPECT_GT(handle, 0) << status.what();
+    return handle;
 }
 
-inline Pipe to_command(const std::string& command, const std::string& more_options = "READ")
+/// Closes a pipe; how that went, or how the child ended.
+inline std::uint32_t close(int handle, const char* options = "")
 {
-    return Pipe(command, "COMMAND " + more_options);
+    zt::Status status;
+    return static_cast<std::uint32_t>(ZT_PIPE_CLOSE(handle, options, &status));
 }
 
-/// Waits until a child of this process has ended, and leaves it to be collected by the code under test.
-inline void wait_for_a_child_to_end()
+/// A pipe's control block, or null.
+inline zt_pipe* block(int handle)
 {
-    siginfo_t info;
-    while (waitid(P_ALL, 0, &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
-    }
+    return Zt_pipes != nullptr && handle > 0 && handle < Zt_avail_pipes ? Zt_pipes[handle] : nullptr;
 }
 
-/// The categories of Zt_pipe_debug, in order.
-enum class Category { global, open, close, read, write };
-
-/// A debug flag that is on while this object lives. The flags must be initialised.
-class Flag {
-  public:
-    Flag(Category category, int flag) : word_(Zt_pipe_debug[static_cast<int>(category)].flags[flag])
-    {
-        word_ = 1;
-    }
-    ~Flag() { word_ = 0; }
-    Flag(const Flag&) = delete;
-    Flag& operator=(const Flag&) = delete;
-
-  private:
-    std::uint32_t& word_;
-};
-
-/// The trace's dump of at most 16 bytes.
-inline std::string dump_of(const std::string& bytes)
+/// What the child writes up to the first time that it ends with this text, or to its end.
+inline std::string read_until(int handle, std::string_view text)
 {
-    std::string line = "      00000000 ";
-    for (size_t i = 0; i < 16; ++i) {
-        char hex[4] = "   ";
-        if (i < bytes.size()) std::snprintf(hex, sizeof hex, " %02x", static_cast<unsigned char>(bytes[i]));
-        line += hex;
-    }
-    line += " |";
-    for (const char c : bytes) line += c >= ' ' && c <= '~' ? c : '.';
-    return line + "|";
+    zt::Status status;
+    std::string said;
+    char byte;
+    while (!said.ends_with(text) && zt_pipe_read(handle, &byte, 1, nullptr, &status) == 1) said += byte;
+    return said;
 }
 
-/// The place of a failure as the record names it.
-inline std::string at(const char* routine, int line)
+/// Everything that the child writes.
+inline std::string read_all(int handle)
 {
-    return "ztpipe(" + std::string(routine) + "):" + std::to_string(line);
+    zt::Status status;
+    char* text = nullptr;
+    const int count = zt_pipe_read_unlimited(handle, &text, 0, nullptr, &status);
+    EXPECT_GE(count, 0) << status.what();
+    return count > 0 ? std::string(text, static_cast<std::size_t>(count)) : std::string();
+}
+
+/// Writes a text that has to arrive.
+inline void write(int handle, std::string_view text)
+{
+    zt::Status status;
+    const int length = static_cast<int>(text.size());
+    EXPECT_EQ(zt_pipe_write(handle, text.data(), length, &status), length) << status.what();
+}
+
+/// The whole record of an open that has to fail.
+inline record::Fields refused(const char* program, const char* options, const char* const* argv = nullptr,
+                              const char* const* envp = nullptr)
+{
+    zt::Status status;
+    record::poison(status);
+    EXPECT_EQ(ZT_PIPE_OPEN(program, options, argv, envp, &status), -1);
+    return record::fields(status);
 }
 
 }  // namespace pipes

@@ -16,12 +16,7 @@ namespace pipes {
 /// A pipe that must open, and that is closed at the end of the scope unless the test has closed it.
 class Pipe {
   public:
-    Pipe(const std::string& program, const std::string& options)
-    {
-        zt::Status status;
-        handle_ = ZT_PIPE_OPEN(program.c_str(), options.c_str(), nullptr, nullptr, &status);
-        if (handle_ < 0) ADD_FAILURE() << status.what();
-    }
+    Pipe(const std::string& program, const std::string& options) : handle_(open(program, options.c_str())) {}
     ~Pipe() { close(); }
     Pipe(const Pipe&) = delete;
     Pipe& operator=(const Pipe&) = delete;
@@ -33,8 +28,7 @@ class Pipe {
     int close(const char* options = "")
     {
         if (handle_ < 0) return 0;
-        zt::Status status;
-        const int code = ZT_PIPE_CLOSE(handle_, options, &status);
+        const int code = static_cast<int>(pipes::close(handle_, options));
         handle_ = -1;
         return code;
     }

@@ -24,7 +24,10 @@ constexpr Site count_exhausted{4053, ZT_PIPE_E_NOMEM};
 
 class PipesBuffer : public Destination {
   public:
-    PipesBuffer(zt_pipe& pipe, int offset) : pipe_(pipe), offset_(offset) {}
+    PipesBuffer(zt_pipe& pipe, int offset)
+        : pipe_(pipe), offset_(offset), data_(pipe.buffer), capacity_(pipe.buffer_size)
+    {
+    }
 
     // Room for one full request and the terminator, at the start of every pass, also of the one that will see
     // the end of the data.
@@ -38,9 +41,14 @@ class PipesBuffer : public Destination {
         }
         return grow(op, static_cast<int>(need));
     }
-    char* at(int total) override { return pipe_.buffer + offset_ + total; }
+    char* at(int total) override { return data_ + offset_ + total; }
     std::size_t request(int) const override { return static_cast<std::size_t>(pipe_.read_size); }
     bool full(int) const override { return false; }
+    // Also in a block that could not grow and is the caller's now: what was read into it is a text as before.
+    void terminate(int total)
+    {
+        if (data_ != nullptr && offset_ + total < capacity_) *at(total) = '\0';
+    }
 
   private:
     // A buffer that cannot grow leaves the pipe and is not freed: the caller may still be reading what an
@@ -50,12 +58,19 @@ class PipesBuffer : public Destination {
         pipe_.buffer = static_cast<char*>(zt_mem_irealloc(
             pipe_memory, pipe_.buffer, static_cast<std::size_t>(need), 0, module_name, growth_line));
         pipe_.buffer_size = pipe_.buffer != nullptr ? need : 0;
-        if (pipe_.buffer == nullptr) op.fail_memory(at::no_room, "p->buf", need);
-        return pipe_.buffer != nullptr;
+        if (pipe_.buffer == nullptr) {
+            op.fail_memory(at::no_room, "p->buf", need);
+            return false;
+        }
+        data_ = pipe_.buffer;
+        capacity_ = need;
+        return true;
     }
 
     zt_pipe& pipe_;
     const int offset_;
+    char* data_;
+    int capacity_;
 };
 
 void read_steps(Operation& op, zt_pipe& pipe, char** result, int offset, const char* delimiter,
@@ -67,7 +82,7 @@ void read_steps(Operation& op, zt_pipe& pipe, char** result, int offset, const c
     op.work_on(&pipe);
     PipesBuffer into{pipe, offset};
     read_until(op, pipe, into, delimiter, at::reading, progress);
-    if (pipe.buffer != nullptr && offset + progress.total < pipe.buffer_size) *into.at(progress.total) = '\0';
+    into.terminate(progress.total);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "captured.h"
+#include "tests/support/faults.h"
 
 namespace {
 
@@ -145,6 +146,36 @@ TEST_F(Memory, ReallocKeepsTheContents)
         EXPECT_TRUE(all(block, 0, std::min<std::size_t>(size, 100), 'x'));
     }
     give_back(block);
+}
+
+TEST_F(Memory, ALargeBlockGrowsByALittleWithoutAResizeEachTimeAndKeepsItsContents)
+{
+    constexpr std::size_t mib = std::size_t{1} << 20, step = 32768;
+    auto* block = static_cast<unsigned char*>(zt_mem_icalloc(2, 1, mib, 0, nullptr, 0));
+    block[mib - 1] = 7;
+    const faults::Plan only_counting{};
+    for (std::size_t size = mib; size <= 16 * mib; size += step) {
+        block = static_cast<unsigned char*>(zt_mem_irealloc(2, block, size, 0, nullptr, 0));
+        ASSERT_NE(block, nullptr);
+        block[size - 1] = 9;
+        EXPECT_EQ(zt_heapsize_class(2), static_cast<long>(size));
+    }
+    EXPECT_LE(faults::calls(faults::Function::realloc), 16);
+    EXPECT_EQ(block[mib - 1], 7);
+    zt_mem_ifree(2, block, nullptr, 0);
+}
+
+TEST_F(Memory, WhereThereIsNoRoomAheadALargeBlockStillGrowsByWhatWasAskedFor)
+{
+    constexpr std::size_t mib = std::size_t{1} << 20;
+    void* block = zt_mem_icalloc(2, 1, 2 * mib, 0, nullptr, 0);
+    {
+        const faults::Plan first_resize_fails{{.function = faults::Function::realloc, .error = ENOMEM}};
+        block = zt_mem_irealloc(2, block, 3 * mib, 0, nullptr, 0);
+    }
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(zt_heapsize_class(2), static_cast<long>(3 * mib));
+    zt_mem_ifree(2, block, nullptr, 0);
 }
 
 TEST_F(Memory, ABlockOfNoBytesIsABlock)

@@ -1,3 +1,5 @@
+#include <sys/mman.h>
+#include <unistd.h>
 #include <zt/runtime/errno_guard.h>
 #include <zt/runtime/memory.h>
 #include <zt/runtime/trace.h>
@@ -14,14 +16,20 @@ namespace {
 
 /// Stands right before each block.
 struct alignas(16) Header {
-    std::size_t size;  // as the caller asked
+    std::size_t size;      // as the caller asked
+    std::size_t capacity;  // as malloc gave it, this header included
     std::int32_t memory_class;
     std::uint32_t mark;
 };
-static_assert(sizeof(Header) == 16, "the block behind it keeps malloc's alignment");
+static_assert(sizeof(Header) % 16 == 0, "the block behind it keeps malloc's alignment");
 
 constexpr std::uint32_t block_mark = 0x7a746d62;
-constexpr std::size_t largest_block = static_cast<std::size_t>(PTRDIFF_MAX) - sizeof(Header);
+constexpr std::size_t largest_block = static_cast<std::size_t>(PTRDIFF_MAX) / 2;
+
+/// From this size on a block that grows gets room ahead, and so much of it: the price in memory is at most
+/// that.
+constexpr std::size_t large_block = std::size_t{1} << 20;
+constexpr std::size_t room_ahead = std::size_t{1} << 20;
 
 /// Bytes in use. Counters only, nothing is published through them.
 std::atomic<std::size_t> bytes_in_use[ZT_MEM_CLASSES];
@@ -45,9 +53,10 @@ std::size_t array_size(std::size_t count, std::size_t size)
     return __builtin_mul_overflow(count, size, &bytes) ? SIZE_MAX : bytes;
 }
 
-void* enter(Header* header, int memory_class, std::size_t size, std::size_t size_before = 0)
+void* enter(Header* header, int memory_class, std::size_t size, std::size_t capacity,
+            std::size_t size_before = 0)
 {
-    *header = {size, memory_class, block_mark};
+    *header = {size, capacity, memory_class, block_mark};
     // Unsigned arithmetic wraps, so that this takes away from the count where a block became smaller.
     bytes_in_use[memory_class].fetch_add(size - size_before, std::memory_order_relaxed);
     return header + 1;
@@ -69,6 +78,37 @@ Header* owned(int memory_class, void* block, const char* routine, const char* fi
     return nullptr;
 }
 
+struct Room {
+    Header* header;
+    std::size_t capacity;
+};
+
+/// Has the pages of a range faulted in at one go. Where the system refuses, they come one by one as ever.
+void fault_in(char* begin, char* end)
+{
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const std::uintptr_t first = (reinterpret_cast<std::uintptr_t>(begin) + page - 1) / page * page;
+    const std::uintptr_t last = reinterpret_cast<std::uintptr_t>(end) / page * page;
+    if (first < last) madvise(reinterpret_cast<void*>(first), last - first, MADV_POPULATE_WRITE);
+}
+
+/// A large block that grows gets some room ahead. In a buffer that grows by a little again and again the
+/// fresh pages decide the cost, more than the resizing (realloc moves pages, not bytes).
+Room make_room(Header* old, std::size_t needed)
+{
+    const std::size_t capacity = old ? old->capacity : 0;
+    if (needed > large_block && needed <= capacity && capacity - needed <= room_ahead) return {old, capacity};
+    if (old && needed > large_block && needed > capacity) {
+        const std::size_t generous = needed + room_ahead;
+        if (auto* header = static_cast<Header*>(std::realloc(old, generous))) {
+            char* const begin = reinterpret_cast<char*>(header);
+            fault_in(begin + capacity, begin + generous);
+            return {header, generous};
+        }
+    }
+    return {static_cast<Header*>(std::realloc(old, needed)), needed};
+}
+
 /// Resizes a block, or takes one when there is no old one. Bytes beyond the old size are not defined.
 void* resize(int memory_class, void* old, std::size_t size, const char* routine, const char* file, int line)
 {
@@ -82,10 +122,10 @@ void* resize(int memory_class, void* old, std::size_t size, const char* routine,
 
     const int error = errno;
     const std::size_t size_before = header ? header->size : 0;
-    auto* resized = static_cast<Header*>(std::realloc(header, sizeof(Header) + size));
-    if (!resized) return fail(ENOMEM);
+    const Room room = make_room(header, sizeof(Header) + size);
+    if (!room.header) return fail(ENOMEM);
     errno = error;
-    return enter(resized, memory_class, size, size_before);
+    return enter(room.header, memory_class, size, room.capacity, size_before);
 }
 
 }  // namespace
@@ -100,7 +140,7 @@ extern "C" void* zt_mem_icalloc(int memory_class, std::size_t count, std::size_t
     auto* header = static_cast<Header*>(std::calloc(1, sizeof(Header) + bytes));
     if (!header) return fail(ENOMEM);
     errno = error;
-    return enter(header, memory_class, bytes);
+    return enter(header, memory_class, bytes, sizeof(Header) + bytes);
 }
 
 extern "C" void* zt_mem_irecalloc(int memory_class, void* old, std::size_t count, std::size_t size,

@@ -7,6 +7,9 @@
 /// with both classes and the caller's file and line, and the block stays allocated, untouched, with its
 /// owner. A leak that is reported is better than memory freed under the one who still uses it.
 ///
+/// A block over 1 MiB that grows gets up to 1 MiB of room ahead, so that a buffer which grows by a little
+/// again and again costs time in proportion to its size; the account counts what was asked for.
+///
 /// Blocks are aligned for any type (16 bytes). A block of 0 bytes is a real block: not null, to be freed.
 /// Every function may be called from several threads at once; none may be called from a signal handler,
 /// except zt_heapsize and zt_heapsize_class.

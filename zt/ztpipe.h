@@ -208,6 +208,10 @@ extern ZT_API std::uint32_t Zt_pipe_debug_initialized;
 /// -1 and the code (10135, 10136) in its own copy of the record; an application that must not run on twice
 /// compares `getpid()`.
 ///
+/// A process with more than 64 MiB resident starts PROGRAM children by posix_spawn where that has the very
+/// same outcome, because fork would take longer the larger the process is. What differs: the handlers of
+/// pthread_atfork do not run then. With the open category's DEBUG flag on it is always fork.
+///
 /// Codes: 10021, 10036, 10037, 10100, 10132, 10134, 10135, 10136, 10137, 11103, 11104, 11108, the option
 /// processor's 11201 to 11206, system errors (20000 and up) of combining environments.
 ///

@@ -164,12 +164,17 @@ void take_back_in_child()
 extern "C" const char* zt_getenv(const char* name)
 {
     if (!name || *name == '\0' || strchr(name, '=')) return nullptr;
-    char* const* entry = own_environment.load(std::memory_order_acquire);
-    if (!entry) entry = environ;
+    char* const* entry = zt_own_environ();
     const size_t length = strlen(name);
     for (; entry && *entry; ++entry)
         if (strncmp(*entry, name, length) == 0 && (*entry)[length] == '=') return *entry + length + 1;
     return nullptr;
+}
+
+extern "C" char** zt_own_environ(void)
+{
+    char** const own = own_environment.load(std::memory_order_acquire);
+    return own ? own : environ;
 }
 
 extern "C" char** zt_environ_lend(const char* const* envp)

@@ -22,6 +22,15 @@ extern "C" {
 /// @endcode
 ZT_API const char* zt_getenv(const char* name);
 
+/// @return the process's own environment, also while another one is lent to it; null when it has none.
+///
+/// Async-signal-safe.
+///
+/// @code
+/// execve(file, words, zt_own_environ());
+/// @endcode
+ZT_API char** zt_own_environ(void);
+
 /// Lends the process another environment, for a call that starts a child and knows no environment argument.
 ///
 /// @param envp the vector that becomes `environ`, ended by a null pointer; not null; not copied.

@@ -19,6 +19,9 @@ extern zt_pipe* Zt_pipe_current;
 /// Guards the three table globals and the environment swap around `popen`.
 extern zt::Mtx Zt_pipe_mtx;
 
+/// Resident bytes from which on PROGRAM children are started by posix_spawn. White-box tests lower it.
+extern long Zt_pipe_large_parent;
+
 /// Sets the module up once: handle table, exit and SIGPIPE handlers, debug flags. Returns the record's code.
 std::uint32_t zt_pipe_init(zt::Status* status);
 

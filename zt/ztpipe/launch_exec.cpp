@@ -1,10 +1,10 @@
-// Starting a PROGRAM pipe's child: two pipes, fork, wiring, exec.
+// Starting a PROGRAM pipe's child: two pipes, fork, wiring, exec. Large parents try a shorter road first.
 #include <unistd.h>
 #include <zt/runtime/command.h>
 #include <zt/runtime/errors.h>
 #include <zt/runtime/signals.h>
 #include <zt/ztpipe/launch.h>
-#include <zt/ztpipe/wiring.h>
+#include <zt/ztpipe/launch_spawn.h>
 
 #include <cstring>
 #include <initializer_list>
@@ -136,7 +136,7 @@ void fork_steps(Report& report, zt_pipe& pipe, const char* const* argv, const ch
     // No handler of the parent runs in the child, and no fatal signal finds a child whose pid is not stored
     // yet.
     ExitHold hold;
-    pipe.pid = fork();
+    if (!spawn_child(pipe, wires, words.vector(), envp, hold.mask_before())) pipe.pid = fork();
     if (pipe.pid == 0) return become_program(report, pipe, wires, words, envp, hold);
     hold.release();
     if (pipe.pid < 0) return fail_fork(report, pipe, wires);

@@ -149,6 +149,8 @@ class ExitHold {
     ExitHold(const ExitHold&) = delete;
     ExitHold& operator=(const ExitHold&) = delete;
     void release();
+    /// The thread's signal mask outside the hold.
+    const sigset_t& mask_before() const { return state_.old_mask; }
 
   private:
     zt_exit_hold_state state_;

@@ -1,0 +1,169 @@
+// A large parent starts programs by posix_spawn, a small one by fork: the program must not be able to tell.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zt/ztpipe/internal.h>
+
+#include <climits>
+#include <regex>
+
+#include "tests/support/faults.h"
+#include "tests/support/leftovers.h"
+#include "tests/support/pipes.h"
+
+namespace {
+
+enum class Road { fork, spawn };
+
+class Roads : public NothingLeftTest {
+  protected:
+    void TearDown() override
+    {
+        Zt_pipe_large_parent = usual_;
+        NothingLeftTest::TearDown();
+    }
+
+    // What a program says and how it ends, having been started on one road.
+    static std::string outcome(Road road, const std::string& program, const char* options,
+                               const char* const* argv = nullptr, const char* const* envp = nullptr)
+    {
+        Zt_pipe_large_parent = road == Road::spawn ? 0 : LONG_MAX;
+        const faults::Plan only_counting{};
+        const int handle = pipes::open(program, options, argv, envp);
+        forks_ = faults::calls(faults::Function::fork);
+        const std::string file = pipes::block(handle)->cmdline;
+        char* said = nullptr;
+        zt::Status status;
+        zt_pipe_read_unlimited(handle, &said, 0, nullptr, &status);
+        return file + "\n" + comparable(said) + std::to_string(pipes::close(handle));
+    }
+
+    static void expect_same(const std::string& program, const char* options = "PROGRAM",
+                            const char* const* argv = nullptr, const char* const* envp = nullptr)
+    {
+        const std::string forked = outcome(Road::fork, program, options, argv, envp);
+        EXPECT_EQ(forks_, 1);
+        EXPECT_EQ(outcome(Road::spawn, program, options, argv, envp), forked) << program << " " << options;
+    }
+
+    static int forks_;
+
+  private:
+    // Pipes are numbered by the system as they come. The C library has two signals of its own, 32 and 33,
+    // ignored in what posix_spawn starts.
+    static std::string comparable(const std::string& said)
+    {
+        const std::regex pipe_numbers("pipe:\\[[0-9]+\\]"), library_signals("SigIgn:\t00000001800");
+        return std::regex_replace(std::regex_replace(said, pipe_numbers, "pipe"), library_signals,
+                                  "SigIgn:\t00000000000");
+    }
+
+    const long usual_ = Zt_pipe_large_parent;
+};
+
+int Roads::forks_;
+
+TEST_F(Roads, ALargeParentDoesNotFork)
+{
+    outcome(Road::spawn, child("exits_with 0"), "PROGRAM");
+    EXPECT_EQ(forks_, 0);
+}
+
+TEST_F(Roads, DescriptorsAreTheSameForEachKindOfStandardError)
+{
+    for (const char* options : {"PROGRAM", "PROGRAM STDERR=DISCARD", "PROGRAM STDERR=IGNORE"}) {
+        expect_same(child("prints_fds"), options);
+        EXPECT_EQ(forks_, 0) << options;
+    }
+}
+
+TEST_F(Roads, WhatTheProgramWritesToStandardErrorGoesTheSameWay)
+{
+    for (const char* options : {"PROGRAM", "PROGRAM STDERR=DISCARD", "PROGRAM STDERR=IGNORE"})
+        expect_same(child("writes_both"), options);
+}
+
+TEST_F(Roads, MaskAndDispositionsOfSignalsAreTheSame)
+{
+    sigset_t blocked, before;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &blocked, &before);
+    signal(SIGUSR2, SIG_IGN);
+    expect_same(child("prints_signals"));
+    EXPECT_EQ(forks_, 0);
+    struct sigaction handler = {};
+    handler.sa_handler = SIG_IGN;
+    struct sigaction sigpipe, sigint;
+    sigaction(SIGPIPE, &handler, &sigpipe);
+    sigaction(SIGINT, &handler, &sigint);
+    expect_same(child("prints_signals"));
+    EXPECT_EQ(forks_, 0);
+    sigaction(SIGPIPE, &sigpipe, nullptr);
+    sigaction(SIGINT, &sigint, nullptr);
+    signal(SIGUSR2, SIG_DFL);
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST_F(Roads, WordsAndEnvironmentAreTheSame)
+{
+    const std::string program = child("prints_words");
+    const char* const argv[] = {program.c_str(), "two words", "", "$HOME", nullptr};
+    expect_same("ignored", "PROGRAM", argv);
+    const char* const envp[] = {"NAME=value", nullptr};
+    expect_same(child("prints_env NAME"), "PROGRAM", nullptr, envp);
+    EXPECT_EQ(forks_, 0);
+    expect_same(child("prints_env NAME"), "PROGRAM MERGE_ENV", nullptr, envp);
+}
+
+TEST_F(Roads, AProgramIsSearchedWithThePathOfItsOwnEnvironment)
+{
+    const char* const elsewhere[] = {"PATH=" ZT_TEST_CHILDREN_DIR, nullptr};
+    expect_same("exits_with 3", "PROGRAM", nullptr, elsewhere);
+    EXPECT_EQ(forks_, 1);
+    expect_same("true");
+    EXPECT_EQ(forks_, 0);
+}
+
+TEST_F(Roads, WhatCannotBeStartedEndsWith127OnBothRoads)
+{
+    expect_same("/no/such/program");
+    EXPECT_EQ(forks_, 1);
+    expect_same("/etc/passwd");
+    expect_same("no-such-program-on-the-path");
+}
+
+TEST_F(Roads, AScriptWithoutAFirstLineIsRunByTheShellOnBothRoads)
+{
+    char path[] = "/tmp/zt-script-XXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_EQ(::write(fd, "echo shell; exit 5\n", 19), 19);
+    fchmod(fd, 0700);
+    ::close(fd);
+    expect_same(path);
+    unlink(path);
+}
+
+TEST_F(Roads, AClosedStandardStreamTakesTheRoadOfFork)
+{
+    const int saved = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
+    ::close(STDIN_FILENO);
+    const std::string forked = outcome(Road::fork, child("prints_fds"), "PROGRAM");
+    EXPECT_EQ(outcome(Road::spawn, child("prints_fds"), "PROGRAM"), forked);
+    EXPECT_EQ(forks_, 1);
+    dup2(saved, STDIN_FILENO);
+    ::close(saved);
+}
+
+TEST_F(Roads, DetailLinesAreTracedByAForkedChild)
+{
+    zt::Status status;
+    zt_pipe_debug_config("DEBUG=open", &status);
+    outcome(Road::spawn, child("exits_with 0"), "PROGRAM");
+    zt_pipe_debug_config("OFF", &status);
+    EXPECT_EQ(forks_, 1);
+}
+
+}  // namespace

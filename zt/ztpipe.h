@@ -210,7 +210,8 @@ extern ZT_API std::uint32_t Zt_pipe_debug_initialized;
 ///
 /// A process with more than 64 MiB resident starts PROGRAM children by posix_spawn where that has the very
 /// same outcome, because fork would take longer the larger the process is. What differs: the handlers of
-/// pthread_atfork do not run then. With the open category's DEBUG flag on it is always fork.
+/// pthread_atfork do not run, and the C library's own signals 32 and 33 start ignored, as in a shell command.
+/// With the open category's DEBUG flag on it is always fork.
 ///
 /// Codes: 10021, 10036, 10037, 10100, 10132, 10134, 10135, 10136, 10137, 11103, 11104, 11108, the option
 /// processor's 11201 to 11206, system errors (20000 and up) of combining environments.

@@ -38,7 +38,7 @@ class Options : public ::testing::Test {
         std::vector<zt_option> table(rows.size());
         size_t i = 0;
         for (const Row& row : rows) {
-            strncpy(table[i].keyword, row.keyword, sizeof table[i].keyword);
+            memcpy(table[i].keyword, row.keyword, strnlen(row.keyword, sizeof table[i].keyword));
             table[i].value_kind = row.value_kind;
             table[i++].group = row.group;
         }

@@ -39,6 +39,15 @@ void read_descriptors(std::map<std::string, std::string>& state)
     closedir(directory);
 }
 
+void read_environment(std::map<std::string, std::string>& state)
+{
+    for (char** entry = environ; entry && *entry; ++entry) {
+        const std::string text(*entry);
+        // Where the trace goes is the test's own doing (TraceFile), often for longer than its body.
+        if (!text.starts_with("ZT_TRACE_FILE=")) state["environment " + text] = "";
+    }
+}
+
 std::string interrupt_action()
 {
     constexpr int set_by_the_system = 0x04000000;  // how the handler returns, not what it does
@@ -69,7 +78,7 @@ Leftovers::State Leftovers::state()
         now["bytes of class " + std::to_string(memory_class)] =
             std::to_string(zt_heapsize_class(memory_class));
     }
-    for (char** entry = environ; entry && *entry; ++entry) now[std::string("environment ") + *entry] = "";
+    read_environment(now);
     now["children"] = children();
     now["action of SIGINT"] = interrupt_action();
     now["current pipe"] = Zt_pipe_current ? "set" : "null";

@@ -96,16 +96,16 @@ TEST_F(PipeSignal, NamesThePipeThatIsWorkedOn)
 
 TEST_F(PipeSignal, IsBookedToThePipeThatIsBeingClosed)
 {
-    const int handle = pipes::open("cat");
+    const int handle = pipes::open_lasting();
     const std::string pid = std::to_string(pipes::block(handle)->pid);
     const TraceFile trace;
     const Flag flag{Category::global, ZT_PIPE_DEBUG_FLAG};
     const faults::Plan plan{{.function = Function::kill, .raising = SIGPIPE}};
     EXPECT_EQ(pipes::close(handle), ZT_PIPE_S_ABNORMAL);
     const Lines lines = trace.lines();
-    EXPECT_EQ(
-        std::count(lines.begin(), lines.end(), "   zt_pipe_signal: signal SIGPIPE: pid " + pid + " (cat)"),
-        1);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                         "   zt_pipe_signal: signal SIGPIPE: pid " + pid + " (" + child("never_reads") + ")"),
+              1);
 }
 
 TEST_F(PipeSignal, FindsItsHandlerAgainAfterEachDelivery)
@@ -119,7 +119,7 @@ TEST_F(PipeSignal, FindsItsHandlerAgainAfterEachDelivery)
 TEST_F(Cleanup, AtNormalTerminationWaitsForCommandsAndTellsProgramsToEnd)
 {
     const TemporaryFile file;
-    const int program = pipes::open(child("never_reads"));
+    const int program = pipes::open_lasting();
     const pid_t pid = pipes::block(program)->pid;
     const int command = pipes::open("cat >" + file.path(), "COMMAND WRITE");
     pipes::open("no child", "");

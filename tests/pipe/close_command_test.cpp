@@ -4,45 +4,16 @@
 #include <cstdio>
 #include <cstring>
 
+#include "tests/support/closing.h"
 #include "tests/support/faults.h"
-#include "tests/support/leftovers.h"
-#include "tests/support/record.h"
 #include "tests/support/tracefile.h"
-#include "tests/support/transfers.h"
 
 using faults::Function;
 using pipes::at;
 using pipes::Category;
 using pipes::Flag;
 
-namespace {
-
-constexpr char routine[] = "zt_ipipe_close";
-
-class CloseCommand : public NothingLeftTest {
-  protected:
-    std::uint32_t close(int handle, const char* options = "")
-    {
-        record::poison(status);
-        return static_cast<std::uint32_t>(ZT_PIPE_CLOSE(handle, options, &status));
-    }
-
-    record::Fields fields() const { return record::fields(status); }
-
-    zt::Status status;
-};
-
-record::Fields errno_report(std::uint32_t code, int line, int error, const char* program)
-{
-    return record::failure(code, at(routine, line),
-                           {{"sys_errno", std::to_string(error)},
-                            {"sys_msg", strerror(error)},
-                            {"sparm[0]", program},
-                            {"sparm[1]", program},
-                            {"msg", program}});
-}
-
-}  // namespace
+using CloseCommand = CloseTest;
 
 TEST_F(CloseCommand, CountsANormalEndAsSuccess)
 {

@@ -8,11 +8,9 @@
 #include <csignal>
 #include <cstring>
 
+#include "tests/support/closing.h"
 #include "tests/support/faults.h"
-#include "tests/support/leftovers.h"
-#include "tests/support/record.h"
 #include "tests/support/tracefile.h"
-#include "tests/support/transfers.h"
 
 using faults::Function;
 using pipes::at;
@@ -21,21 +19,7 @@ using pipes::Flag;
 
 namespace {
 
-constexpr char routine[] = "zt_ipipe_close";
-
-class Close : public NothingLeftTest {
-  protected:
-    // The code of a close into a poisoned record.
-    std::uint32_t close(int handle, const char* options = "")
-    {
-        record::poison(status);
-        return static_cast<std::uint32_t>(ZT_PIPE_CLOSE(handle, options, &status));
-    }
-
-    record::Fields fields() const { return record::fields(status); }
-
-    zt::Status status;
-};
+using Close = CloseTest;
 
 bool is_open(int handle)
 {
@@ -102,12 +86,11 @@ TEST_F(Close, NeverCallsTheOptionProcessorForAnEmptyText)
 
 TEST_F(Close, TakesItsOptionsInAnyCaseAndOrder)
 {
-    const int handle = pipes::open(child("never_reads"));
+    const int handle = pipes::open_lasting();
     const pid_t pid = pipes::block(handle)->pid;
     EXPECT_EQ(close(handle, "nowait, NoFree ,nokill"), 0u);
     EXPECT_EQ(fields(), record::cleared());
-    EXPECT_EQ(kill(pid, SIGKILL), 0) << "the child lives on";
-    EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
+    end(pid);
 }
 
 TEST_F(Close, ReleasesTheHandleForTheNextOpen)

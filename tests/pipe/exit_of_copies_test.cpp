@@ -1,0 +1,137 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "tests/support/faults.h"
+#include "tests/support/forked_child.h"
+#include "tests/support/orphans.h"
+#include "tests/support/tracefile.h"
+#include "tests/support/transfers.h"
+
+using faults::Function;
+using forked::Child;
+using forked::say;
+using orphans::number_after;
+
+namespace {
+
+// Ends of processes that have a copy of pipes that are another's.
+class ExitOfCopies : public ::testing::Test {
+  protected:
+    void SetUp() override { orphans::adopt(); }
+};
+
+void exit_normally()
+{
+    exit(0);
+}
+
+void end_by_term()
+{
+    raise(SIGTERM);
+}
+
+void say_whether_it_lives(int handle)
+{
+    say(orphans::lives(pipes::block(handle)->pid) ? "lives " : "ended ");
+}
+
+// A scenario with a running program and a command that is still owed a line.
+struct Owner {
+    explicit Owner(const TemporaryFile& file)
+    {
+        orphans::prepare();
+        program = orphans::open_program();
+        command = pipes::open("cat >" + file.path(), "COMMAND WRITE");
+        pipes::write(command, "once\n");
+    }
+
+    void go_on() const
+    {
+        say_whether_it_lives(program);
+        say("command ", static_cast<int>(pipes::close(command)));
+    }
+
+    int program, command;
+};
+
+void expect_untouched(Child& process, const TemporaryFile& file)
+{
+    EXPECT_NE(process.said().find("lives command 0 "), std::string::npos) << process.said();
+    EXPECT_EQ(process.exit_code(), 0);
+    EXPECT_EQ(file.content(), "once\n");
+    EXPECT_EQ(orphans::ended_by(number_after("pid ", process.said())), SIGTERM) << "by its owner's own exit";
+}
+
+}  // namespace
+
+TEST_F(ExitOfCopies, InAForkedChildNeitherSignalsNorFlushesNorWaits)
+{
+    for (void (*const end)() : {exit_normally, end_by_term}) {
+        const TemporaryFile file;
+        Child process([&] {
+            const Owner owner(file);
+            const pid_t copy = fork();
+            if (copy == 0) end();
+            waitpid(copy, nullptr, 0);
+            owner.go_on();
+        });
+        expect_untouched(process, file);
+    }
+}
+
+TEST_F(ExitOfCopies, AfterALaunchThatFailedInTheChildTouchNothingOfTheParents)
+{
+    const TemporaryFile file;
+    Child process([&] {
+        const Owner owner(file);
+        const pid_t self = getpid();
+        const faults::Plan plan{{.function = Function::dup2, .error = EBADF, .in_child = true}};
+        zt::Status status;
+        const int handle = ZT_PIPE_OPEN("true", "PROGRAM", nullptr, nullptr, &status);
+        if (getpid() != self) exit(handle == -1 ? 0 : 1);
+        if (pipes::close(handle, "NOKILL") != 0) say("the copy has not ended normally ");
+        owner.go_on();
+    });
+    expect_untouched(process, file);
+    EXPECT_EQ(process.said().find("the copy"), std::string::npos);
+}
+
+TEST_F(ExitOfCopies, InADaemonCleanUpItsOwnLaterPipes)
+{
+    for (void (*const end)() : {exit_normally, end_by_term}) {
+        const TemporaryFile file, daemons_file;
+        Child process([&] {
+            const Owner owner(file);
+            const pid_t daemon = fork();
+            if (daemon == 0) {
+                setsid();
+                orphans::open_program("own pid ");
+                const int command = pipes::open("cat >" + daemons_file.path(), "COMMAND WRITE");
+                pipes::write(command, "the daemon's\n");
+                end();
+            }
+            waitpid(daemon, nullptr, 0);
+            owner.go_on();
+        });
+        EXPECT_EQ(orphans::ended_by(number_after("own pid ", process.said())), SIGTERM);
+        EXPECT_TRUE(wait_until([&] { return daemons_file.content() == "the daemon's\n"; }));
+        expect_untouched(process, file);
+    }
+}
+
+TEST_F(ExitOfCopies, InADaemonWhoseParentHasEndedCleanUpItsOwnLaterPipes)
+{
+    Child process([] {
+        orphans::prepare();
+        pipes::open("no child", "");
+        if (fork() != 0) _exit(0);
+        orphans::open_program();
+        exit(0);
+    });
+    EXPECT_EQ(process.exit_code(), 0);
+    EXPECT_EQ(orphans::ended_by(number_after("pid ", process.said())), SIGTERM);
+}

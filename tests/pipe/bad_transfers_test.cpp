@@ -116,7 +116,20 @@ TEST_F(BadTransfer, OfAReadsizeBelow1IsRefusedAtItsFirstUse)
     }
 }
 
-TEST_F(BadTransfer, OfAHugeReadsizeIsOutOfMemoryOrReadsAll)
+TEST_F(BadTransfer, OfAHugeReadsizeReadsAsFarAsTheCountReachesOrIsOutOfMemory)
+{
+    auto pipe = to_program("prints_then_exits 0 abc", "READSIZE=2147483646");
+    if (zt_pipe_read_unlimited(pipe, &text, 0, nullptr, &status) < 0) {
+        EXPECT_EQ(status.code, ZT_PIPE_E_NOMEM);
+        return;
+    }
+    EXPECT_STREQ(text, "abc");
+    EXPECT_EQ(status.count, 3);
+    EXPECT_EQ(status.subcode, ZT_PIPE_E_NOMEM) << "one more request would not fit";
+    EXPECT_EQ(status.where, at("zt_pipe_read_unlimited", 4053));
+}
+
+TEST_F(BadTransfer, OfAHugeReadsizeWithoutMemoryNamesTheBytesAskedFor)
 {
     auto pipe = to_program("prints_then_exits 0 abc", "READSIZE=2147483646");
     const faults::Plan plan{{.function = Function::realloc, .from_then_on = true, .error = ENOMEM},

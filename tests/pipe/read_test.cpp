@@ -129,7 +129,7 @@ TEST_F(Read, GoesOnAfterShortTransfersUntilTheBufferIsFull)
         auto pipe = function == Function::read ? to_program("prints_then_waits abcdef")
                                                : to_command("printf abcdefgh");
         const faults::Plan plan{{.function = function, .nth = 1, .result = 1},
-                                {.function = function, .nth = 2, .result = 2}};
+                                {.function = function, .nth = 2, .result = 4}};
         EXPECT_EQ(read(pipe, 6), 6);
         EXPECT_EQ(bytes(7), "abcdef#");
         EXPECT_EQ(faults::calls(function), 3);

@@ -207,6 +207,17 @@ TEST_F(BrokenWrite, PassesOnThatTheChildCouldNotBeAskedFor)
                                          {"msg", child("never_reads")}}));
 }
 
+TEST_F(BrokenWrite, ToAChildThatWasCollectedElsewhereKnowsNoEndToReportTheFirstTime)
+{
+    auto pipe = to_program("exits_with 3");
+    pipes::wait_for_a_child_to_end();
+    const faults::Plan plan{{.function = Function::waitpid, .error = ECHILD}};
+    EXPECT_EQ(zt_pipe_write(pipe, "x", 1, &status), 1);
+    EXPECT_EQ(record(), record::cleared());
+    EXPECT_EQ(zt_pipe_write(pipe, "x", 1, &status), -1);
+    EXPECT_EQ(status.code, ZT_PIPE_S_NORMAL) << "from then on it counts as a normal end";
+}
+
 TEST_F(BrokenWrite, PassesOnThatTheChildIsStillActive)
 {
     auto pipe = to_program("never_reads");

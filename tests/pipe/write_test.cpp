@@ -127,6 +127,16 @@ TEST_F(Write, TracesOnlyTheExitOfAFailureUnderExceptions)
     EXPECT_EQ(trace.lines(), Lines{"<-*zt_pipe_write: [1] [] [4] [10036 0 0 ] returned -1"});
 }
 
+TEST_F(Write, TracesTheInterruptThatReplacedItsOutcome)
+{
+    auto pipe = to_program("echo_lines");
+    TraceFile trace;
+    const Flag exceptions(Category::write, ZT_PIPE_EXCEPTIONS);
+    const faults::Plan plan{{.function = Function::write, .raising = SIGINT}};
+    zt_pipe_write(pipe, "abc\n", 4, &status);
+    EXPECT_EQ(trace.lines(), Lines{"<-*zt_pipe_write: [1] [] [4] [10132 0 0 ] returned -1"});
+}
+
 TEST_F(Write, IsNotTracedByTheFlagsOfOtherCategories)
 {
     auto pipe = to_program("echo_lines");

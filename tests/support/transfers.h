@@ -6,12 +6,16 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <csignal>
 #include <cstdio>
 #include <string>
 
 #include "tests/support/pipes.h"
 
 namespace pipes {
+
+/// A runner in the background of a shell is started with SIGINT ignored, and hands that on to its tests.
+inline const auto interrupt_action_of_the_runner = std::signal(SIGINT, SIG_DFL);
 
 /// A pipe that must open, and that is closed at the end of the scope unless the test has closed it.
 class Pipe {

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <csignal>
 #include <thread>
 
@@ -112,6 +113,7 @@ TEST_F(Exit, ByAFatalSignalDuringTheForkFindsTheChild)
         orphans::prepare();
         pipes::open("no child", "");
         const Flag flag{Category::close, ZT_PIPE_DEBUG_FLAG};
+        Zt_pipe_large_parent = LONG_MAX;  // fork, also in a process that a sanitizer makes large
         const faults::Plan plan{{.function = Function::fork, .raising = SIGTERM}};
         orphans::open_program();
     });

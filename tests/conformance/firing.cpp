@@ -1,7 +1,9 @@
 #include "tests/conformance/firing.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
+#include <zt/runtime/interrupt.h>
 #include <zt/runtime/memory.h>
 
 #include "tests/support/pipes.h"
@@ -38,46 +40,68 @@ bool hear(int side_pipe, Told& told)
 
 }  // namespace
 
-void Firing::prepare()
-{
-    record::poison(status);
-    heap = zt_heapsize();
-}
+/// Around a call that has to fail: poisons the record before, and afterwards looks for what must hold the
+/// moment an operation returns, however it went.
+class Firing::Attempt {
+  public:
+    explicit Attempt(Firing& firing)
+    {
+        record::poison(firing.status);
+        firing.heap = zt_heapsize();
+    }
+    Attempt(const Attempt&) = delete;
+    Attempt& operator=(const Attempt&) = delete;
+    ~Attempt()
+    {
+        EXPECT_EQ(Zt_pipe_current, nullptr);
+        EXPECT_FALSE(latch_is_armed());
+    }
+
+  private:
+    /// An armed latch hides the action that disarming will restore.
+    static bool latch_is_armed()
+    {
+        struct sigaction installed, restored;
+        sigaction(SIGINT, nullptr, &installed);
+        zt_sys_interrupt_action(nullptr, &restored);
+        return installed.sa_handler != restored.sa_handler;
+    }
+};
 
 void Firing::open(const char* program, const char* options, const char* const* argv, const char* const* envp)
 {
-    prepare();
+    const Attempt attempt{*this};
     EXPECT_EQ(ZT_PIPE_OPEN(program, options, argv, envp, &status), -1);
 }
 
 void Firing::close(int handle, const char* options)
 {
-    prepare();
+    const Attempt attempt{*this};
     EXPECT_EQ(static_cast<std::uint32_t>(ZT_PIPE_CLOSE(handle, options, &status)), status.code);
 }
 
 void Firing::write(int handle, const char* text, int length)
 {
-    prepare();
+    const Attempt attempt{*this};
     EXPECT_EQ(zt_pipe_write(handle, text, length, &status), -1);
 }
 
 void Firing::read(int handle, int size)
 {
-    prepare();
+    const Attempt attempt{*this};
     char buffer[16];
     EXPECT_EQ(zt_pipe_read(handle, buffer, size, nullptr, &status), -1);
 }
 
 void Firing::read_without_buffer(int handle)
 {
-    prepare();
+    const Attempt attempt{*this};
     EXPECT_EQ(zt_pipe_read(handle, nullptr, 1, nullptr, &status), -1);
 }
 
 void Firing::read_unlimited(int handle, int offset)
 {
-    prepare();
+    const Attempt attempt{*this};
     char* text = nullptr;
     EXPECT_EQ(zt_pipe_read_unlimited(handle, &text, offset, nullptr, &status), -1);
     const zt_pipe* const pipe = pipes::block(handle);
@@ -86,19 +110,19 @@ void Firing::read_unlimited(int handle, int offset)
 
 void Firing::read_unlimited_without_result(int handle)
 {
-    prepare();
+    const Attempt attempt{*this};
     EXPECT_EQ(zt_pipe_read_unlimited(handle, nullptr, 0, nullptr, &status), -1);
 }
 
 void Firing::poll(int handle, bool wait)
 {
-    prepare();
+    const Attempt attempt{*this};
     EXPECT_EQ(static_cast<std::uint32_t>(zt_pipe_status(handle, wait, &status)), status.code);
 }
 
 void Firing::configure(const char* options)
 {
-    prepare();
+    const Attempt attempt{*this};
     EXPECT_EQ(zt_pipe_debug_config(options, &status), status.code);
     EXPECT_NE(status.code, 0U);
     zt::Status others;
@@ -107,7 +131,7 @@ void Firing::configure(const char* options)
 
 void Firing::report_settings_nowhere()
 {
-    prepare();
+    const Attempt attempt{*this};
     EXPECT_EQ(static_cast<std::uint32_t>(zt_pipe_debug_settings(nullptr, &status)), status.code);
 }
 
@@ -118,7 +142,7 @@ void Firing::open_in_child(const char* options, faults::Fault fault)
     const pid_t parent = getpid();
     const int used = Zt_used_pipes;
     fault.in_child = true;
-    prepare();
+    const Attempt attempt{*this};
     int handle;
     {
         faults::Plan plan{fault};

@@ -39,7 +39,7 @@ struct Firing {
     void open_in_child(const char* options, faults::Fault fault);
 
   private:
-    void prepare();
+    class Attempt;
 };
 
 /// What leads to a failure, by the key of its row.

@@ -101,9 +101,9 @@ inline constexpr std::uint32_t ZT_PIPE_WRITES = 1;  ///< the parent writes the c
 inline constexpr std::uint32_t ZT_PIPE_BOTH = 2;    ///< both (PROGRAM pipes)
 
 /// What the child's standard error is: the values of `zt_pipe::stderr_mode`.
-inline constexpr std::uint32_t ZT_PIPE_STDERR_DISCARD = 1;
-inline constexpr std::uint32_t ZT_PIPE_STDERR_COMBINE = 2;
-inline constexpr std::uint32_t ZT_PIPE_STDERR_IGNORE = 3;
+inline constexpr std::uint32_t ZT_PIPE_STDERR_DISCARD = 1;  ///< /dev/null
+inline constexpr std::uint32_t ZT_PIPE_STDERR_COMBINE = 2;  ///< its standard output
+inline constexpr std::uint32_t ZT_PIPE_STDERR_IGNORE = 3;   ///< COMMAND: the parent's; PROGRAM: closed
 
 /// Most characters of a program text, a command line or a program's file name.
 inline constexpr int ZT_PIPE_TEXT_LIMIT = 1024;
@@ -152,8 +152,8 @@ inline constexpr int ZT_PIPE_MEMORY = 5;      ///< accepted and reported, tested
 
 /// One debug category: its switches (nonzero = on; slots 6 and 7 are spare) and its name.
 struct zt_pipe_debug_category {
-    std::uint32_t flags[8];
-    char name[32];
+    std::uint32_t flags[8];  ///< by slot: ZT_PIPE_PARMS to ZT_PIPE_MEMORY
+    char name[32];           ///< "global", "open", "close", "read" or "write"
 };
 
 extern "C" {

@@ -16,8 +16,8 @@ extern "C" {
 ///
 /// - Spaces, tabs and line ends separate words.
 /// - Between '…' every character is itself.
-/// - Between "…" a backslash takes away the meaning of a following `"`, `\`, `$` or `` ` `` and is itself
-///   before any other character.
+/// - Between "…" a backslash takes away the meaning of a following double quote, backslash,
+///   dollar sign or back quote and is itself before any other character.
 /// - Elsewhere a backslash makes the next character an ordinary one; as the last character it is itself.
 /// - Quoted and bare pieces that touch are one word; `''` and `""` are an empty word.
 /// - A quote that is never closed reaches to the end of the line: nothing is refused, so that the count is

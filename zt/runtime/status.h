@@ -65,6 +65,7 @@ class ZT_API Status : public std::exception, public ubstatus {
 
     /// The copy has the words and texts of @p other.
     Status(const Status& other) noexcept;
+    /// As the copy.
     Status& operator=(const Status& other) noexcept;
 
     ~Status() override = default;

@@ -106,7 +106,7 @@ TEST_F(OpenFailures, KeepTheFirstFailureWhenUndoingFailsToo)
 TEST_F(OpenFailures, ByAnInterruptEndTheChildThatHadBeenStarted)
 {
     Plan plan{{.function = Function::pipe, .raising = SIGINT}};
-    EXPECT_EQ(pipes::refused("/bin/cat", "PROGRAM"), interrupted);
+    EXPECT_EQ(pipes::refused(child("never_reads").c_str(), "PROGRAM"), interrupted);
     EXPECT_EQ(faults::calls(Function::fork), 1);
     EXPECT_EQ(faults::calls(Function::kill), 1);
 }

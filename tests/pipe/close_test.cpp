@@ -139,10 +139,12 @@ TEST_F(Close, FreesTheBufferOfTheUnlimitedRead)
 TEST_F(Close, LeavesTheBufferToTheCallerWithNofree)
 {
     for (const char* const kind : {"COMMAND", "PROGRAM"}) {
+        const long before = zt_heapsize_class(2);
         const int handle = pipes::open("echo text", kind);
         char* text = nullptr;
         EXPECT_EQ(zt_pipe_read_unlimited(handle, &text, 0, nullptr, &status), 5);
         EXPECT_EQ(close(handle, "NOFREE"), 0u);
+        EXPECT_GT(zt_heapsize_class(2), before) << "it is still counted as taken";
         EXPECT_STREQ(text, "text\n");
         zt_mem_ifree(2, text, __FILE__, __LINE__);
     }

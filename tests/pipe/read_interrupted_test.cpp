@@ -26,6 +26,11 @@ struct Reader {
     int stream_interrupted, stream_failed, stream_empty, interrupted, failed, at_exit;
 };
 
+void PrintTo(const Reader& reader, std::ostream* out)
+{
+    *out << reader.routine;
+}
+
 constexpr Reader bounded{"zt_pipe_read", 2861, 2866, 2880, 2901, 2906, 2944};
 constexpr Reader unlimited{"zt_pipe_read_unlimited", 3059, 3064, 3078, 3099, 3104, 3140};
 

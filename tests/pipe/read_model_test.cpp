@@ -21,7 +21,7 @@ namespace {
 
 using faults::Function;
 
-constexpr int scenarios = 250;
+constexpr int scenarios = 120;
 constexpr int calls_per_pipe = 4;
 constexpr int retry_budget = 5;
 constexpr size_t max_planned_attempts = 8;
@@ -31,6 +31,11 @@ struct Kind {
     bool command, bounded;
     int interrupted, failed, empty, at_exit;
 };
+
+void PrintTo(const Kind& kind, std::ostream* out)
+{
+    *out << kind.name;
+}
 
 constexpr Kind kinds[] = {{"boundedProgram", false, true, 2901, 2906, 0, 2944},
                           {"boundedCommand", true, true, 2861, 2866, 2880, 2944},

@@ -46,4 +46,24 @@ case_pages_name_what_they_refer_to() {
     return $missing
 }
 
+case_guide_is_true() { # DIRECTORY-OF-ZTPIPE
+    needs python3
+    PATH=$1:$PATH python3 "$source/tests/docs/blocks.py" "$source" docs/guide.md
+}
+
+case_links_lead_somewhere() {
+    local document link missing=0
+    for document in "$source"/*.md "$source"/docs/*.md; do
+        while read -r link; do
+            [ -e "$(dirname "$document")/$link" ] || { echo "$document: $link"; missing=1; }
+        done < <(grep -oE '\]\([^)#:]+' "$document" | sed 's/^](//')
+    done
+    return $missing
+}
+
+case_program_prints() { # PROGRAM FILE
+    unset ZT_PIPE_DEBUG ZT_TRACE_FILE
+    LC_ALL=C "$1" 2>&1 </dev/null | diff "$2" -
+}
+
 "case_$case" "$@"

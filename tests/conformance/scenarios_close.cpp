@@ -32,6 +32,15 @@ Scenario read_to_end_with(Fault fault)
     };
 }
 
+// After a failed write it is asked how the child does.
+void poll_fails_after_write(Firing& firing)
+{
+    const int handle = pipes::open("cat");
+    with_faults({{.function = Function::write, .error = EIO}, wait_fails},
+                [&] { firing.write(handle, "x", 1); });
+    pipes::close(handle);
+}
+
 Scenario close_with(Fault fault, const char* program, const char* open_options, const char* options)
 {
     return [=](Firing& firing) {
@@ -96,6 +105,7 @@ Scenarios status_scenarios()
     return {
         {"1490", poll_with(wait_fails, false)},
         {"1490/read", read_to_end_with(wait_fails)},
+        {"1490/write", poll_fails_after_write},
         {"1502", poll_with(wait_finds_it_running, true)},
         {"1502/read", read_to_end_with(wait_finds_it_running)},
     };

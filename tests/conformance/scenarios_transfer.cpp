@@ -46,6 +46,7 @@ Scenario spent(const Transfer& transfer, Function function)
     return [=](Firing& firing) {
         scenario(firing);
         EXPECT_EQ(faults::calls(function), 1 + retry_budget);
+        EXPECT_EQ(faults::calls(Function::clearerr), function == Function::fread ? retry_budget : 0);
     };
 }
 

@@ -44,7 +44,7 @@ bool fills(const std::string& column, const std::string& value)
 {
     static const std::set<std::string> others{"source",  "routine", "line", "case", "code",
                                               "subcode", "count",   "host", "left"};
-    return others.count(column) == 0 && value != "-" && !(column == "sys_errno" && value == "0");
+    return !others.contains(column) && value != "-" && !(column == "sys_errno" && value == "0");
 }
 
 void add_site(const std::vector<std::string>& columns, const std::vector<std::string>& row, Knowledge& all)
@@ -66,7 +66,7 @@ void add_site(const std::vector<std::string>& columns, const std::vector<std::st
 /// The name a place has in the sources says more than the label it reports.
 void name_places(const std::filesystem::path& file, Knowledge& all)
 {
-    static const std::regex named("(?:Site (\\w+)|\\.(\\w+) = )\\{(\\d{3,4}), ");
+    static const std::regex named(R"((?:Site (\w+)|\.(\w+) = )\{(\d{3,4}), )");
     std::ifstream source(file);
     for (std::string line; std::getline(source, line);) {
         for (std::sregex_iterator i(line.begin(), line.end(), named), end; i != end; ++i) {
@@ -124,7 +124,7 @@ std::string lines_of(std::uint32_t code, const Knowledge& all)
 {
     std::vector<std::string> lines;
     for (const auto& [line, place] : all.places)
-        if (place.codes.count(code) != 0) lines.push_back(std::to_string(line));
+        if (place.codes.contains(code)) lines.push_back(std::to_string(line));
     return lines.empty() ? "none" : joined(lines);
 }
 

@@ -46,6 +46,18 @@ case_pages_name_what_they_refer_to() {
     return $missing
 }
 
+# What a person on call sees in a trace must be found by searching the page for it: every fixed piece of a trace line.
+case_trace_page_has_every_line() {
+    needs mandoc
+    local page piece missing=0
+    page=$(mandoc -Tascii "$source/man/zt_pipe_trace.7" | sed 's/.\x08//g')
+    while IFS= read -r piece; do
+        [[ $page == *"$piece"* ]] || { echo "not on the page: '$piece'"; missing=1; }
+    done < <(cat "$source"/zt/ztpipe/*.cpp | tr '\n' ' ' | grep -oE 'zt_trace_msg\( *"[^"]*"' | sed 's/^[^"]*"//; s/"$//' |
+        sed -E 's/%[-0-9l]*[a-z]/\n/g' | grep -E '[a-z]{3}' | sed -E 's/^[],:) ]+//; s/[[:blank:]([]+$//' | sort -u)
+    return $missing
+}
+
 case_guide_is_true() { # DIRECTORY-OF-ZTPIPE
     needs python3
     PATH=$1:$PATH python3 "$source/tests/docs/blocks.py" "$source" docs/guide.md

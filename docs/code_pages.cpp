@@ -190,10 +190,12 @@ The number behind the colon in `where` is fixed for each place where something c
 
 // ------------------------------------------------------------------------------------------------------ mdoc
 
-/// Each sentence begins a line, and no line may begin with a quote, which would make it a request.
+/// Each sentence begins a line, no line is long, and none may begin with a quote, which would make it a
+/// request.
 std::string for_man(const std::string& text)
 {
-    const std::string lines = std::regex_replace(text, std::regex("([.:;]) "), "$1\n");
+    std::string lines = std::regex_replace(text, std::regex("([.:;]) "), "$1\n");
+    lines = std::regex_replace(lines, std::regex("([^\n]{60}[^ \n]*) "), "$1\n");
     return std::regex_replace(lines, std::regex("(^|\n)'"), "$1\\&'");
 }
 
@@ -202,7 +204,7 @@ void write_mdoc(const Knowledge& all)
     std::fputs(R"(.\" Made by scripts/docs from the table in the library; do not edit.
 .Dd November 21, 2026
 .Dt ZT_PIPE_CODES 7
-.Os zt
+.Os
 .Sh NAME
 .Nm zt_pipe_codes
 .Nd every code of the zt library and what to do about it
@@ -212,7 +214,8 @@ The outcome of an operation stands in the status record:
 or
 .Fa subcode
 where a read warns, holds one of the numbers below.
-A parameter is a field of the record that the code fills, in some places not all of them.
+A parameter is a field of the record that the code fills, in some places
+not all of them.
 Beside them
 .Fa where
 has the place,
@@ -225,8 +228,8 @@ A system error without a code of its own is 20000 +
     for_each_code([&](const zt_code_text& row) {
         std::printf(".It Sy %u Dv %s\n%s\n", row.code, row.name, for_man(meaning_of(row)).c_str());
         if (row.advice) std::printf("%s\n", for_man(row.advice).c_str());
-        std::printf(".br\nParameters: %s.\n.br\nLines: %s.\n", parameters_of(row.code, all).c_str(),
-                    lines_of(row.code, all).c_str());
+        std::printf(".br\n%s\n", for_man("Parameters: " + parameters_of(row.code, all) + '.').c_str());
+        std::printf(".br\n%s\n", for_man("Lines: " + lines_of(row.code, all) + '.').c_str());
     });
     std::fputs(R"(.El
 .Sh PLACES

@@ -28,7 +28,11 @@ case_headers_make_a_reference_without_warnings() {
 
 case_pages_are_clean() {
     needs mandoc
-    mandoc -Tlint -W warning "$source"/man/*.[0-9]
+    # Which pages of others this machine has is no matter of ours.
+    local findings
+    findings=$(mandoc -Tlint -W style "$source"/man/*.[0-9] 2>&1 |
+        grep -v -e 'referenced manual not found' -e 'outdated mandoc.db' || true)
+    [ -z "$findings" ] || { echo "$findings"; return 1; }
 }
 
 # Every page of ours that a page refers to is there, and every operation has one.

@@ -34,7 +34,7 @@ case_headers() { # COMPILER
 
 case_program() {
     [ "$(printf '6*7\n' | "$prefix/bin/ztpipe" bc)" = 42 ]
-    "$prefix/bin/ztpipe" --version | grep -q "$(header_version)"
+    "$prefix/bin/ztpipe" --version | grep -F "$(header_version)" >/dev/null
 }
 
 header_version() {
@@ -44,12 +44,10 @@ header_version() {
 
 # The built consumer must work and must use the library as it was asked to.
 check() { # PROGRAM static|shared
+    local needed
     [ "$(LD_LIBRARY_PATH=$(libdir) "$1" pear apple fig)" = $'apple\nfig\npear' ]
-    if [ "$2" = shared ]; then
-        readelf -d "$1" | grep -q 'NEEDED.*\[libzt\.so\.1\]'
-    else
-        ! readelf -d "$1" | grep -q libzt
-    fi
+    needed=$(readelf -d "$1" | sed -n 's/.*NEEDED.*\[\(libzt.*\)\]/\1/p')
+    if [ "$2" = shared ]; then [ "$needed" = libzt.so.1 ]; else [ -z "$needed" ]; fi
 }
 
 libdir() { dirname "$(find "$prefix" -name libzt.a)"; }

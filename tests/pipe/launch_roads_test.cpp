@@ -7,7 +7,6 @@
 #include <zt/ztpipe/internal.h>
 
 #include <climits>
-#include <regex>
 
 #include "tests/support/faults.h"
 #include "tests/support/leftovers.h"
@@ -37,7 +36,8 @@ class Roads : public NothingLeftTest {
         char* said = nullptr;
         zt::Status status;
         zt_pipe_read_unlimited(handle, &said, 0, nullptr, &status);
-        return file + "\n" + comparable(said) + std::to_string(pipes::close(handle));
+        const std::string text = comparable(said);
+        return file + "\n" + text + std::to_string(pipes::close(handle));
     }
 
     static void expect_same(const std::string& program, const char* options = "PROGRAM",
@@ -53,11 +53,14 @@ class Roads : public NothingLeftTest {
   private:
     // Pipes are numbered by the system as they come. The C library has two signals of its own, 32 and 33,
     // ignored in what posix_spawn starts.
-    static std::string comparable(const std::string& said)
+    static std::string comparable(std::string said)
     {
-        const std::regex pipe_numbers("pipe:\\[[0-9]+\\]"), library_signals("SigIgn:\t00000001800");
-        return std::regex_replace(std::regex_replace(said, pipe_numbers, "pipe"), library_signals,
-                                  "SigIgn:\t00000000000");
+        for (std::size_t at = 0; (at = said.find("pipe:[", at)) != std::string::npos; at += 4)
+            said.erase(at + 4, said.find(']', at) - at - 3);
+        const std::string ignored = "SigIgn:\t", library_signals = "00000001800", none = "00000000000";
+        const std::size_t set = said.find(ignored + library_signals);
+        if (set != std::string::npos) said.replace(set + ignored.size(), none.size(), none);
+        return said;
     }
 
     const long usual_ = Zt_pipe_large_parent;

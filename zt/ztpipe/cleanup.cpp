@@ -51,31 +51,57 @@ void drop_stream(const zt_pipe& pipe)
 // or to wait for; it only lets go of its copies.
 void drop(zt_pipe& pipe)
 {
+    // At the fork another thread may have been working on it.
+    std::atomic_ref(Zt_pipe_current).store(nullptr, std::memory_order_relaxed);
     if (pipe.fh != nullptr) drop_stream(pipe);
     if (pipe.read_fd != 0) close(pipe.read_fd);
     if (pipe.write_fd != 0) close(pipe.write_fd);
-    Zt_pipes[pipe.handle] = nullptr;
-    --Zt_used_pipes;
+    empty_slot(pipe);
     if (pipe.buffer != nullptr) zt_mem_ifree(pipe_memory, pipe.buffer, module_name, cleanup_close_line);
     zt_ifile_del_entry(pipe_entry, &pipe);
     zt_mem_ifree(pipe_memory, &pipe, module_name, cleanup_close_line);
 }
 
-// Another thread is in the middle of an operation on the pipe while this one exits: the block stays, only the
-// child is told to end. The process's end closes the rest.
-void end_busy(const zt_pipe& pipe)
+bool is_own(const zt_pipe& pipe)
 {
+    return pipe.owner == getpid();
+}
+
+bool is_busy(zt_pipe& pipe)
+{
+    return std::atomic_ref(pipe.busy).load(std::memory_order_acquire) != 0;
+}
+
+// Another thread is in the middle of an operation on the pipe while this one exits: the block is left to it,
+// only the child is told to end. The process's end closes the rest.
+void let_go(zt_pipe& pipe)
+{
+    empty_slot(pipe);
     if (pipe.mode == ZT_PIPE_MODE_PROGRAM && pipe.pid > 0 && pipe.wait_status == -1) kill(pipe.pid, SIGTERM);
+}
+
+// The next COMMAND pipe, or the next other one, from this handle on that nobody is working on; null when
+// there is none any more. In a signal handler nobody works any more, and nothing is taken out: the process
+// ends.
+zt_pipe* next_pipe(int& handle, bool commands)
+{
+    const TableLock lock;
+    // A table that was lost for want of memory has a size but no slots.
+    for (; Zt_pipes != nullptr && handle < Zt_avail_pipes; ++handle) {
+        zt_pipe* const pipe = Zt_pipes[handle];
+        if (pipe == nullptr || (pipe->mode == ZT_PIPE_MODE_COMMAND) != commands) continue;
+        if (zt_exit_in_signal() || !is_own(*pipe) || !is_busy(*pipe)) return pipe;
+        let_go(*pipe);
+    }
+    return nullptr;
 }
 
 void end_pipe(zt_pipe& pipe, zt::Status& status)
 {
     const bool in_signal = zt_exit_in_signal();
-    const bool busy = std::atomic_ref(pipe.busy).load(std::memory_order_relaxed) != 0;
-    if (pipe.owner != getpid()) return in_signal ? void() : drop(pipe);
-    if (busy && !in_signal) return end_busy(pipe);
+    if (!is_own(pipe)) return in_signal ? void() : drop(pipe);
     const bool command = pipe.mode == ZT_PIPE_MODE_COMMAND;
-    if (command && in_signal && !busy) flush_in_signal(pipe);
+    if (command && in_signal && !is_busy(pipe)) flush_in_signal(pipe);
     zt_ipipe_close(static_cast<int>(pipe.handle), command ? "" : "NOWAIT", &status, module_name,
                    cleanup_close_line);
 }
@@ -83,18 +109,24 @@ void end_pipe(zt_pipe& pipe, zt::Status& status)
 void free_table()
 {
     if (zt_exit_in_signal()) return;
-    const TableLock lock;  // other threads may still look handles up while this one exits
+    const TableLock lock;
+    // What other threads have opened since their slot was passed.
+    for (int handle = 1; Zt_pipes != nullptr && handle < Zt_avail_pipes; ++handle)
+        if (Zt_pipes[handle] != nullptr) let_go(*Zt_pipes[handle]);
     if (Zt_pipes != nullptr) zt_mem_ifree(table_memory, Zt_pipes, module_name, free_table_line);
     Zt_pipes = nullptr;
     std::atomic_ref(Zt_avail_pipes).store(0, std::memory_order_release);
 }
 
+// PROGRAM children come first: they hold copies of the ends of COMMAND pipes, whose shells would be waited
+// for in vain as long as those children live.
 void end_everything(zt::Status& status)
 {
     ZT_INIT_STATUS(&status);
-    // A table that was lost for want of memory has a size but no slots.
-    for (int handle = 1; Zt_pipes != nullptr && handle < Zt_avail_pipes; ++handle)
-        if (Zt_pipes[handle] != nullptr) end_pipe(*Zt_pipes[handle], status);
+    for (const bool commands : {false, true}) {
+        int handle = 1;
+        for (; zt_pipe* const pipe = next_pipe(handle, commands); ++handle) end_pipe(*pipe, status);
+    }
     free_table();
 }
 

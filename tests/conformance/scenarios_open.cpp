@@ -30,6 +30,21 @@ Scenario interrupted_in(Function function, const char* options)
 const char* const environment[] = {"ZT_TEST_VARIABLE=1", nullptr};
 const char* const no_words[] = {nullptr};
 
+// As the exit of another thread does it in the middle of an open.
+void take_out(int)
+{
+    Zt_pipes[1] = nullptr;
+    --Zt_used_pipes;
+}
+
+void taken_out_by_an_exit(Firing& firing)
+{
+    signal(SIGUSR1, take_out);
+    with_faults({{.function = Function::calloc, .nth = 2, .raising = SIGUSR1}},
+                [&] { firing.open("cat", "", nullptr, environment); });
+    signal(SIGUSR1, SIG_DFL);
+}
+
 }  // namespace
 
 Scenarios open_scenarios()
@@ -62,6 +77,7 @@ Scenarios open_scenarios()
         {"4002", refused("cat", std::string(257, ' '))},
         {"4003", refused("cat", "PROGRAM USERNAME=" + too_long_name)},
         {"4004", refused("cat", "PROGRAM USERNAME=u PASSWORD=" + too_long_name)},
+        {"4006", taken_out_by_an_exit},
         {"4005", [](Firing& firing) { firing.open("cat", "PROGRAM", no_words); }},
     };
 }

@@ -28,7 +28,8 @@ constinit std::atomic<ExitFunction> functions[ZT_EXIT_FUNCTIONS_MAX] = {};
 constinit zt::TransitionLock registration;
 constinit std::atomic<bool> exit_will_run_us{false};
 
-constinit std::atomic<pthread_t> ending_thread{nobody};  // the one that a fatal signal made end the process
+constinit std::atomic<pthread_t> ending_thread{nobody};   // the one that a fatal signal made end the process
+constinit std::atomic<pthread_t> exiting_thread{nobody};  // the one that runs the functions at normal exit
 constinit std::atomic<int> holds{0};
 constinit std::atomic<uint32_t> generation{0};  // counts forks, so that a child knows its parent's holds
 
@@ -63,6 +64,7 @@ void run_at_exit()
 {
     park_unless_ending_thread();
     exit_will_run_us = false;
+    exiting_thread = pthread_self();
     run_functions(0);
     park_unless_ending_thread();
 }
@@ -196,6 +198,7 @@ void start_afresh_in_child()
     holds = 0;
     registration.leave();
     if (ending_thread != pthread_self()) ending_thread = nobody;
+    if (exiting_thread != pthread_self()) exiting_thread = nobody;
 }
 
 [[maybe_unused]] const int fork_handlers = pthread_atfork(nullptr, nullptr, start_afresh_in_child);
@@ -217,6 +220,12 @@ bool zt_exit_in_signal(void)
 {
     const pthread_t ending = ending_thread.load(std::memory_order_relaxed);
     return ending != nobody && ending == pthread_self();
+}
+
+bool zt_exit_elsewhere(void)
+{
+    const pthread_t exiting = exiting_thread;
+    return exiting != nobody && exiting != pthread_self();
 }
 
 void zt_exit_hold(zt_exit_hold_state* state)

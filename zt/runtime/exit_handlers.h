@@ -87,6 +87,15 @@ ZT_API uint32_t zt_atexit(void (*function)(int), const char* name, const char* m
 /// Safe in a signal handler; costs one load when no signal is ending the process.
 ZT_API bool zt_exit_in_signal(void);
 
+/// Tells whether another thread is ending the process by `exit` (or by its return from `main`) and has begun
+/// to run the exit functions: what they give up must not be taken up again here.
+///
+/// @return true from then on until the process has gone; false on that thread itself, whose static objects'
+///         destructors may go on using everything.
+///
+/// Async-signal-safe.
+ZT_API bool zt_exit_elsewhere(void);
+
 /// Begins a stretch of a few instructions that the exit functions must not see half done, such as a fork
 /// whose process id is not stored yet.
 ///

@@ -80,16 +80,15 @@ void let_go(zt_pipe& pipe)
     if (pipe.mode == ZT_PIPE_MODE_PROGRAM && pipe.pid > 0 && pipe.wait_status == -1) kill(pipe.pid, SIGTERM);
 }
 
-// The next COMMAND pipe, or the next other one, from this handle on that nobody is working on; null when
-// there is none any more. In a signal handler nobody works any more, and nothing is taken out: the process
-// ends.
-zt_pipe* next_pipe(int& handle, bool commands)
+// The next pipe from this handle on that nobody is working on; null when there is none any more. In a signal
+// handler nobody works any more, and nothing is taken out: the process ends.
+zt_pipe* next_pipe(int& handle)
 {
     const TableLock lock;
     // A table that was lost for want of memory has a size but no slots.
     for (; Zt_pipes != nullptr && handle < Zt_avail_pipes; ++handle) {
         zt_pipe* const pipe = Zt_pipes[handle];
-        if (pipe == nullptr || (pipe->mode == ZT_PIPE_MODE_COMMAND) != commands) continue;
+        if (pipe == nullptr) continue;
         if (zt_exit_in_signal() || !is_own(*pipe) || !is_busy(*pipe)) return pipe;
         let_go(*pipe);
     }
@@ -118,14 +117,39 @@ void free_table()
     std::atomic_ref(Zt_avail_pipes).store(0, std::memory_order_release);
 }
 
-// PROGRAM children come first: they hold copies of the ends of COMMAND pipes, whose shells would be waited
-// for in vain as long as those children live.
+bool is_open_program(const zt_pipe& pipe)
+{
+    return pipe.mode == ZT_PIPE_MODE_PROGRAM && pipe.pid > 0;
+}
+
+void close_early(std::int32_t& fd)
+{
+    if (fd != 0) close(fd);
+    fd = 0;
+}
+
+// The end of a shell is waited for, and a PROGRAM child may hold copies of the shell's pipe: as long as it
+// lives the shell may not end. So it is told to end before its turn comes.
+void end_programs_above(int command_handle, zt::Status& status)
+{
+    int handle = command_handle + 1;
+    for (; zt_pipe* const pipe = next_pipe(handle); ++handle) {
+        if (!is_own(*pipe) || !is_open_program(*pipe)) continue;
+        close_early(pipe->read_fd);
+        close_early(pipe->write_fd);
+        zt_pipe_status(handle, false, &status);
+        if (pipe->wait_status == -1) kill(pipe->pid, SIGTERM);
+    }
+}
+
 void end_everything(zt::Status& status)
 {
     ZT_INIT_STATUS(&status);
-    for (const bool commands : {false, true}) {
-        int handle = 1;
-        for (; zt_pipe* const pipe = next_pipe(handle, commands); ++handle) end_pipe(*pipe, status);
+    int handle = 1;
+    for (; zt_pipe* const pipe = next_pipe(handle); ++handle) {
+        const bool waits = pipe->mode == ZT_PIPE_MODE_COMMAND && is_own(*pipe) && !zt_exit_in_signal();
+        if (waits) end_programs_above(handle, status);
+        end_pipe(*pipe, status);
     }
     free_table();
 }

@@ -169,28 +169,19 @@ void close_program(Operation& op, zt_pipe& pipe, const CloseOptions& options)
 
 // -------------------------------------------------------------------------------------------------------------
 
-// A fatal signal's handler on another thread walks the table without the lock: it is kept out of this
-// instant, and afterwards does not find the block that is about to be freed.
-void empty_slot(int handle)
-{
-    const ExitHold hold;
-    Zt_pipes[handle] = nullptr;
-}
-
 // The registry's key is the block's address. Another thread may be given the same address once the block is
 // freed; the registry removes the oldest entry of two.
-void release(Operation& op, int handle, zt_pipe* pipe, const CloseOptions& options)
+void release(Operation& op, zt_pipe* pipe, const CloseOptions& options)
 {
     if (zt_exit_in_signal()) return;  // nothing is freed in a handler: the process ends, its memory with it
     if (pipe->buffer != nullptr && !options.no_free)
         zt_mem_ifree(pipe_memory, pipe->buffer, module_name, free_buffer_line);
-    op.leave_pipe();
     const void* const key = pipe;
     {
         const TableLock lock;
-        empty_slot(handle);
+        if (is_in_table(*pipe)) empty_slot(*pipe);  // an exit on another thread may have taken it out
+        op.hand_over();
         zt_mem_ifree(pipe_memory, pipe, module_name, free_block_line);
-        --Zt_used_pipes;
     }
     zt_ifile_del_entry(pipe_entry, key);
 }
@@ -198,7 +189,7 @@ void release(Operation& op, int handle, zt_pipe* pipe, const CloseOptions& optio
 void close_steps(Operation& op, int handle, const char* options_text)
 {
     zt_pipe* pipe;
-    if (zt_pipe_get_handle(handle, &pipe, routine, &op.status) != 0) return;
+    if (!op.enter(handle, pipe)) return;
     if (options_text == nullptr) return op.fail_null_argument(at::no_options, "options");
     op.work_on(pipe);
     const CloseOptions options = read_options(op, options_text);
@@ -212,7 +203,7 @@ void close_steps(Operation& op, int handle, const char* options_text)
         close_command(op, *pipe);
     }
     if (pipe->mode == ZT_PIPE_MODE_PROGRAM) close_program(op, *pipe, options);
-    release(op, handle, pipe, options);
+    release(op, pipe, options);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <zt/ztpipe/operation.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstring>
 
 namespace zt::pipe {
@@ -30,6 +31,7 @@ constexpr Site interrupted{2762, ZT_PIPE_E_INTERRUPTED};
 constexpr Site no_options{4001, ZT_PIPE_E_NULLARG};
 constexpr Site options_too_long{4002, ZT_PIPE_E_TOOLONG};
 constexpr Site no_words{4005, ZT_PIPE_E_NULLARG};
+constexpr Site process_ends{4006, ZT_PIPE_E_HANDLE};
 }  // namespace at
 
 // What the caller asked for.
@@ -101,14 +103,40 @@ zt_pipe* allocate_block(Operation& op)
     }
     pipe->wait_status = -1;
     pipe->owner = getpid();
+    pipe->busy = 1;
     return pipe;
+}
+
+// A process that is going to end in another thread starts nothing new: nobody would end it.
+void refuse_at_exit(Operation& op, int handle)
+{
+    op.fail(at::process_ends);
+    op.status.iparm[0] = handle;
+}
+
+// Another thread's exit may have taken the block out of the table before there was a child to end: then it is
+// ended here. The streams go with the process.
+bool kept(Operation& op, zt_pipe& pipe)
+{
+    const TableLock lock;
+    if (is_in_table(pipe) && !zt_exit_elsewhere()) return true;
+    if (pipe.pid > 0) kill(pipe.pid, SIGTERM);
+    refuse_at_exit(op, static_cast<int>(pipe.handle));
+    return false;
+}
+
+// The close of an operation that has failed finds the pipe by its handle, which may be another's by now.
+bool is_ours_to_close(const zt_pipe& pipe)
+{
+    const TableLock lock;
+    return is_in_table(pipe);
 }
 
 void launch(Operation& op, const Request& request, zt_pipe& pipe, const char* const* environment)
 {
     if (pipe.mode == ZT_PIPE_MODE_COMMAND) zt_pipe_popen(&pipe, request.argv, environment, &op.status);
     if (pipe.mode == ZT_PIPE_MODE_PROGRAM) zt_pipe_fork(&pipe, request.argv, environment, &op.status);
-    if (op.failed()) return;
+    if (op.failed() || !kept(op, pipe)) return;
     ask_for_capacity(pipe);
     // Without PROGRAM or COMMAND the pipe has no child; it gets its handle and its entry all the same.
     zt_ifile_add_entry(pipe_entry, request.program, &pipe, 0, request.file, request.line);
@@ -116,6 +144,7 @@ void launch(Operation& op, const Request& request, zt_pipe& pipe, const char* co
 
 void open_steps(Operation& op, const Request& request, zt_pipe*& pipe)
 {
+    if (zt_exit_elsewhere()) return refuse_at_exit(op, 0);
     if (std::atomic_ref(Zt_avail_pipes).load(std::memory_order_acquire) == 0 && zt_pipe_init(&op.status) != 0)
         return;
     check_arguments(op, request);
@@ -144,8 +173,8 @@ void open_steps(Operation& op, const Request& request, zt_pipe*& pipe)
 void undo(Operation& op, zt_pipe* pipe)
 {
     if (pipe == nullptr) return;
-    op.leave_pipe();
-    if (pipe->handle == 0) return zt_mem_ifree(pipe_memory, pipe, module_name, undo_free_line);
+    op.hand_over();
+    if (!is_ours_to_close(*pipe)) return zt_mem_ifree(pipe_memory, pipe, module_name, undo_free_line);
     zt::Status working;
     ZT_INIT_STATUS(&working);
     zt_ipipe_close(static_cast<int>(pipe->handle), "", &working, module_name, undo_close_line);

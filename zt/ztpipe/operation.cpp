@@ -117,6 +117,15 @@ Operation::~Operation()
     if (armed_) zt_sys_disarm_interrupt();
 }
 
+bool Operation::enter(int handle, zt_pipe*& pipe)
+{
+    const TableLock lock;
+    if (find_pipe(*this, handle, &pipe) != 0) return false;
+    pipe_ = pipe;
+    std::atomic_ref(pipe->busy).store(1, std::memory_order_relaxed);
+    return true;
+}
+
 void Operation::work_on(zt_pipe* pipe)
 {
     pipe_ = pipe;
@@ -127,8 +136,13 @@ void Operation::work_on(zt_pipe* pipe)
 void Operation::leave_pipe()
 {
     if (pipe_ == nullptr) return;
+    std::atomic_ref(pipe_->busy).store(0, std::memory_order_release);
+    hand_over();
+}
+
+void Operation::hand_over()
+{
     set_current(nullptr);
-    std::atomic_ref(pipe_->busy).store(0, std::memory_order_relaxed);
     pipe_ = nullptr;
 }
 

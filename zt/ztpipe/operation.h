@@ -90,10 +90,15 @@ class Operation : public Report {
     Operation& operator=(const Operation&) = delete;
     ~Operation();
 
+    /// Finds the pipe that the handle names. Until this operation is over the pipe is busy, so that a thread
+    /// that exits meanwhile does not close it. False with the failure in the report.
+    bool enter(int handle, zt_pipe*& pipe);
     /// From now on a SIGPIPE is booked to this pipe.
     void work_on(zt_pipe* pipe);
     /// The pipe is about to be freed.
     void leave_pipe();
+    /// As leave_pipe, but the pipe stays busy: another operation takes it over.
+    void hand_over();
     /// An interrupt that arrived meanwhile becomes the outcome; the latch is disarmed.
     void finish(Site interrupted);
     /// Whether the entry line is asked for.
@@ -139,6 +144,16 @@ class TableLock {
   private:
     const bool taken_;
 };
+
+/// Whether the table still has this block; an exit of the process takes blocks out. To be asked with the
+/// lock.
+bool is_in_table(const zt_pipe& pipe);
+
+/// Empties a block's slot; a fatal signal finds the slot either full or empty. To be called with the lock.
+void empty_slot(const zt_pipe& pipe);
+
+/// Finds a handle's block. To be called with the lock.
+std::uint32_t find_pipe(Report& report, int handle, zt_pipe** pipe);
 
 /// Keeps the exit functions out of a few instructions, and this thread's signals back: a fatal signal finds
 /// the table and a child's pid either before or after them, never in between.

@@ -34,7 +34,7 @@ class CallersBuffer : public Destination {
 void read_steps(Operation& op, int handle, void* buffer, int size, const char* delimiter, Progress& progress)
 {
     zt_pipe* pipe;
-    if (zt_pipe_get_handle(handle, &pipe, routine, &op.status) != 0) return;
+    if (!op.enter(handle, pipe)) return;
     if (buffer == nullptr) return op.fail_null_argument(at::no_buffer, "buffer");
     if (size < 0) return op.fail_limit(at::negative_size, "size", size, INT_MAX);
     if (size == 0) return;

@@ -99,9 +99,8 @@ extern "C" int zt_pipe_read_unlimited(int handle, char** result, int offset, con
     Progress progress;
     begin_read(op, call);
     zt_pipe* pipe = nullptr;
-    if (zt_pipe_get_handle(handle, &pipe, routine, &op.status) == 0)
-        read_steps(op, *pipe, result, offset, delimiter, progress);
-    const bool found = pipe != nullptr;
+    const bool found = op.enter(handle, pipe);
+    if (found) read_steps(op, *pipe, result, offset, delimiter, progress);
     char* const buffer = found ? pipe->buffer : nullptr;
     op.finish(at::interrupted_at_exit);
     if (found && result != nullptr) *result = buffer;

@@ -59,6 +59,34 @@ bool grow_table(Report& report)
 }
 
 }  // namespace
+
+bool is_in_table(const zt_pipe& pipe)
+{
+    const int handle = static_cast<int>(pipe.handle);
+    return Zt_pipes != nullptr && handle > 0 && handle < Zt_avail_pipes && Zt_pipes[handle] == &pipe;
+}
+
+// The handler of a fatal signal on another thread walks the table without the lock: it is kept out of this
+// instant, and afterwards does not find the block that is about to be freed.
+void empty_slot(const zt_pipe& pipe)
+{
+    const ExitHold hold;
+    Zt_pipes[pipe.handle] = nullptr;
+    --Zt_used_pipes;
+}
+
+// While another thread's exit closes the pipes nobody finds any: none may be entered just as it goes.
+std::uint32_t find_pipe(Report& report, int handle, zt_pipe** pipe)
+{
+    const bool lost = Zt_pipes == nullptr && Zt_avail_pipes > 0;  // by a growth that found no memory
+    if (!lost && handle > 0 && handle < Zt_avail_pipes && !zt_exit_elsewhere() &&
+        (*pipe = Zt_pipes[handle]) != nullptr)
+        return report.status.code;
+    report.fail(lost ? at::table_lost : at::bad_handle);
+    report.status.iparm[0] = handle;
+    return report.status.code;
+}
+
 }  // namespace zt::pipe
 
 using namespace zt::pipe;
@@ -87,13 +115,5 @@ extern "C" std::uint32_t zt_pipe_get_handle(int handle, zt_pipe** pipe, const ch
 {
     Report report{routine, *status};
     const TableLock lock;
-    if (Zt_pipes == nullptr && Zt_avail_pipes > 0) {  // lost by a growth that found no memory
-        report.fail(at::table_lost);
-        status->iparm[0] = handle;
-        return status->code;
-    }
-    if (handle > 0 && handle < Zt_avail_pipes && (*pipe = Zt_pipes[handle]) != nullptr) return status->code;
-    report.fail(at::bad_handle);
-    status->iparm[0] = handle;
-    return status->code;
+    return find_pipe(report, handle, pipe);
 }

@@ -51,7 +51,7 @@ void write_descriptor(Operation& op, zt_pipe& pipe, int handle, const void* buff
 void write_steps(Operation& op, int handle, const void* buffer, int length)
 {
     zt_pipe* pipe;
-    if (zt_pipe_get_handle(handle, &pipe, routine, &op.status) != 0) return;
+    if (!op.enter(handle, pipe)) return;
     if (buffer == nullptr) return op.fail_null_argument(at::no_buffer, "buffer");
     if (length < 0) return op.fail_limit(at::negative_length, "length", length, INT_MAX);
     if (op.traces_entry()) zt_trace_buffer(0, buffer, length);

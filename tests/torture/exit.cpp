@@ -34,6 +34,7 @@ constexpr Expectation expectations[] = {
     {"forked-return", true},
     {"forked-signal", true},
     {"late-destructor", true, true, 2},
+    {"program-after-command", true, true, 1},
     {"_exit", false},
     {"quick_exit", false},
 };

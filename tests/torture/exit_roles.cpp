@@ -30,6 +30,8 @@ Pipes open_pipes(const char* file)
     zt::Status status;
     Pipes pipes;
     pipes.sleeper = open_pipe(child("never_reads"), "PROGRAM", status);
+    char ready[6];
+    if (!read_exactly(pipes.sleeper, ready, sizeof ready, status)) std::_Exit(failed);
     pipes.echo = open_pipe(child("echo_lines"), "PROGRAM", status);
     pipes.writer = open_pipe("cat >" + std::string(file), "COMMAND WRITE", status);
     if (zt_pipe_write(pipes.writer, "buffered\n", 9, &status) != 9) std::_Exit(failed);
@@ -139,6 +141,16 @@ int by_underscore_exit(const char* file)
     _exit(42);
 }
 
+// The sleeper holds a copy of the pipe whose end the writer's shell waits for.
+int with_a_program_after_a_command(const char* file)
+{
+    open_pipes(file);
+    zt::Status status;
+    open_pipe(child("never_reads"), "PROGRAM", status);
+    open_pipe(child("echo_lines"), "PROGRAM", status);
+    return 42;
+}
+
 int by_quick_exit(const char* file)
 {
     open_pipes(file);
@@ -164,6 +176,7 @@ constexpr Role roles[] = {
     {"forked-exit", forked_child_exits},
     {"forked-return", forked_child_returns},
     {"forked-signal", forked_child_is_ended},
+    {"program-after-command", with_a_program_after_a_command},
     {"_exit", by_underscore_exit},
     {"quick_exit", by_quick_exit},
     {"late-destructor", with_late_destructor},

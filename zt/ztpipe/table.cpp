@@ -4,6 +4,7 @@
 #include <zt/ztpipe/codes.h>
 #include <zt/ztpipe/operation.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <new>
@@ -54,7 +55,8 @@ bool grow_table(Report& report)
         report.fail_memory(at::no_room, "Zt_pipes", slots * static_cast<int>(sizeof(zt_pipe*)));
         return false;
     }
-    Zt_avail_pipes = slots;
+    std::atomic_ref(Zt_avail_pipes)
+        .store(slots, std::memory_order_release);  // read without the lock by opens
     return true;
 }
 

@@ -6,8 +6,10 @@
 #include <zt/runtime/open_files.h>
 #include <zt/runtime/text.h>
 #include <zt/ztpipe/operation.h>
+#include <zt/ztpipe/stream.h>
 
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -93,6 +95,7 @@ void close_command(Operation& op, zt_pipe& pipe)
     if (pipe.fh == nullptr) return;   // the launch failed before there was a stream
     if (zt_exit_in_signal()) return;  // pclose locks and frees: a handler may do neither
     const Address stream{pipe.fh};
+    if (pipe.direction == ZT_PIPE_WRITES) make_room(pipe.fh, SIZE_MAX / 2, OnInterrupt::go_on);
     pipe.wait_status = pclose(pipe.fh);
     if (op.traces_detail()) trace_pclose(pipe, stream);
     if (pipe.wait_status == -1) {

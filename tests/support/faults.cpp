@@ -13,6 +13,8 @@
 #include <cstdarg>
 #include <cstdlib>
 
+#include "tests/support/coverage.h"
+
 namespace faults {
 namespace {
 
@@ -185,12 +187,16 @@ void* __real_realloc(void*, size_t);
 pid_t __wrap_fork(void)
 {
     const pid_t pid = faults::call(Function::fork, pid_t{-1}, [] { return __real_fork(); });
-    if (pid == 0) faults::reset_counts();
+    if (pid == 0) {
+        faults::reset_counts();
+        coverage::forget();
+    }
     return pid;
 }
 
 int __wrap_execvp(const char* file, char* const* argv)
 {
+    coverage::save();
     return faults::call(Function::execvp, -1, [=] { return __real_execvp(file, argv); });
 }
 

@@ -1,0 +1,22 @@
+/// @file
+/// Counters of a coverage build in processes that do not end by exit: without this, what runs in a forked
+/// child that executes a program or ends at once would count as never run. Nothing in other builds.
+#ifndef ZT_TESTS_SUPPORT_COVERAGE_H
+#define ZT_TESTS_SUPPORT_COVERAGE_H
+
+namespace coverage {
+
+#ifdef ZT_TEST_COVERAGE
+/// In a forked child: what its parent has counted is the parent's.
+void forget();
+
+/// Adds the counters to the files, and starts again from 0.
+void save();
+#else
+inline void forget() {}
+inline void save() {}
+#endif
+
+}  // namespace coverage
+
+#endif

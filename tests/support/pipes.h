@@ -79,8 +79,8 @@ inline record::Fields refused(const char* program, const char* options, const ch
     return record::fields(status);
 }
 
-/// Opens a pipe to a program that only a signal ends. It has started and written its line, so that it does not
-/// end by SIGPIPE when the pipe is closed under it.
+/// Opens a pipe to a program that only a signal ends. It has started and written its line, so that it does
+/// not end by SIGPIPE when the pipe is closed under it.
 inline int open_lasting(const std::string& arguments = "")
 {
     const int handle = open(child("never_reads") + arguments);

@@ -3,6 +3,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
+
 extern "C" {
 void __gcov_dump(void);
 void __gcov_reset(void);
@@ -11,6 +13,18 @@ int __real_raise(int);
 }
 
 namespace coverage {
+namespace {
+
+constexpr int counted_children = 4;
+
+std::atomic<int> forks{0};
+
+}  // namespace
+
+void count_fork()
+{
+    ++forks;
+}
 
 void forget()
 {
@@ -19,6 +33,7 @@ void forget()
 
 void save()
 {
+    if (forks > counted_children) return;
     __gcov_dump();
     __gcov_reset();
 }

@@ -1,5 +1,6 @@
 // What the runtime calls on the module's behalf: on SIGPIPE, and when the process ends.
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 #include <zt/runtime/open_files.h>
 #include <zt/runtime/signals.h>
@@ -19,9 +20,6 @@ bool traces_detail()
 {
     return traces(Category::global, ZT_PIPE_DEBUG_FLAG);
 }
-
-// ---------------------------------------------------------------------------------------- the ends a pipe
-// can find
 
 // In a signal handler, where pclose cannot be called: what is still buffered goes out as far as the child
 // takes it at once. Neither the stream's lock nor the allocator is touched.
@@ -130,16 +128,25 @@ void close_early(std::int32_t& fd)
 
 // The end of a shell is waited for, and a PROGRAM child may hold copies of the shell's pipe: as long as it
 // lives the shell may not end. So it is told to end before its turn comes.
-void end_programs_above(int command_handle, zt::Status& status)
+void end_programs_above(int command_handle)
 {
     int handle = command_handle + 1;
     for (; zt_pipe* const pipe = next_pipe(handle); ++handle) {
         if (!is_own(*pipe) || !is_open_program(*pipe)) continue;
         close_early(pipe->read_fd);
         close_early(pipe->write_fd);
-        zt_pipe_status(handle, false, &status);
         if (pipe->wait_status == -1) kill(pipe->pid, SIGTERM);
     }
+}
+
+// A shell that reads waits for the end of its input, one that writes may wait for room; one whose output has
+// ended needs nobody else to end.
+bool may_need_others_to_end(const zt_pipe& pipe)
+{
+    constexpr int patience_ms = 1000;
+    if (pipe.fh == nullptr || !is_own(pipe) || zt_exit_in_signal()) return false;
+    pollfd output{fileno(pipe.fh), 0, 0};
+    return pipe.direction == ZT_PIPE_WRITES || poll(&output, 1, patience_ms) <= 0;
 }
 
 void end_everything(zt::Status& status)
@@ -147,8 +154,7 @@ void end_everything(zt::Status& status)
     ZT_INIT_STATUS(&status);
     int handle = 1;
     for (; zt_pipe* const pipe = next_pipe(handle); ++handle) {
-        const bool waits = pipe->mode == ZT_PIPE_MODE_COMMAND && is_own(*pipe) && !zt_exit_in_signal();
-        if (waits) end_programs_above(handle, status);
+        if (may_need_others_to_end(*pipe)) end_programs_above(handle);
         end_pipe(*pipe, status);
     }
     free_table();

@@ -7,6 +7,7 @@
 #include <zt/ztpipe/internal.h>
 
 #include <climits>
+#include <cstdlib>
 
 #include "tests/support/faults.h"
 #include "tests/support/leftovers.h"
@@ -128,6 +129,10 @@ TEST_F(Roads, AProgramIsSearchedWithThePathOfItsOwnEnvironment)
     EXPECT_EQ(forks_, 1);
     expect_same("true");
     EXPECT_EQ(forks_, 0);
+    const std::string path = std::string("PATH=") + getenv("PATH");
+    const char* const as_here[] = {path.c_str(), nullptr};
+    expect_same("true", "PROGRAM", nullptr, as_here);
+    EXPECT_EQ(forks_, 0);
 }
 
 TEST_F(Roads, WhatCannotBeStartedEndsWith127OnBothRoads)
@@ -151,13 +156,17 @@ TEST_F(Roads, AScriptWithoutAFirstLineIsRunByTheShellOnBothRoads)
 
 TEST_F(Roads, AClosedStandardStreamTakesTheRoadOfFork)
 {
-    const int saved = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
-    ::close(STDIN_FILENO);
-    const std::string forked = outcome(Road::fork, child("prints_fds"), "PROGRAM");
-    EXPECT_EQ(outcome(Road::spawn, child("prints_fds"), "PROGRAM"), forked);
-    EXPECT_EQ(forks_, 1);
-    dup2(saved, STDIN_FILENO);
-    ::close(saved);
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        const int saved = fcntl(stream, F_DUPFD_CLOEXEC, 10);
+        ::close(stream);
+        const std::string forked = outcome(Road::fork, child("prints_fds"), "PROGRAM");
+        const std::string on_the_other = outcome(Road::spawn, child("prints_fds"), "PROGRAM");
+        const int forks = forks_;
+        dup2(saved, stream);
+        ::close(saved);
+        EXPECT_EQ(on_the_other, forked) << stream;
+        EXPECT_EQ(forks, 1) << stream;
+    }
 }
 
 TEST_F(Roads, DetailLinesAreTracedByAForkedChild)

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -123,6 +124,23 @@ TEST_F(ExitOfCopies, InADaemonCleanUpItsOwnLaterPipes)
         EXPECT_TRUE(wait_until([&] { return daemons_file.content() == "the daemon's\n"; }));
         expect_untouched(process, file);
     }
+}
+
+TEST_F(ExitOfCopies, ClosesTheCopysEndsAndLeavesTheOwners)
+{
+    const int handle = pipes::open("cat");
+    const int read_end = pipes::block(handle)->read_fd, write_end = pipes::block(handle)->write_fd;
+    const pid_t copy = fork();
+    if (copy == 0) {
+        zt_pipe_cleanup(0);
+        _exit(fcntl(read_end, F_GETFD) < 0 && fcntl(write_end, F_GETFD) < 0 ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(copy, &status, 0), copy);
+    EXPECT_EQ(status, 0);
+    pipes::write(handle, "still there\n");
+    EXPECT_EQ(pipes::read_until(handle, "\n"), "still there\n");
+    pipes::close(handle);
 }
 
 TEST_F(ExitOfCopies, InADaemonWhoseParentHasEndedCleanUpItsOwnLaterPipes)

@@ -87,8 +87,9 @@ void at_once(int pipes, Report& report)
                "exchange", status);
     }
     for (const int handle : handles) {
+        // A child whose input nobody else holds open may end with it before the signal comes.
         const int code = ZT_PIPE_CLOSE(handle, "", &status);
-        expect(report, code == static_cast<int>(ZT_PIPE_S_ABNORMAL), "close", status);
+        expect(report, code == 0 || code == static_cast<int>(ZT_PIPE_S_ABNORMAL), "close", status);
     }
     const Resources after = Resources::now();
     // The first open makes the handle table, which stays and has grown.

@@ -140,6 +140,7 @@ struct zt_pipe {
     std::int32_t busy;         ///< 1 while an operation works on the pipe
     std::uint8_t bulk_reads;   ///< full reads so far, until the pipe was widened
     std::uint8_t bulk_writes;  ///< large writes so far, until the pipe was widened
+    std::uint8_t registered;   ///< 1 = the open-file registry has an entry of this pipe
 };
 
 /// Flag slots of a debug category.

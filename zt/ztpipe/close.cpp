@@ -173,20 +173,22 @@ void close_program(Operation& op, zt_pipe& pipe, const CloseOptions& options)
 // -------------------------------------------------------------------------------------------------------------
 
 // The registry's key is the block's address. Another thread may be given the same address once the block is
-// freed; the registry removes the oldest entry of two.
+// freed; the registry removes the oldest entry of two. So a pipe that has no entry removes none: it would be
+// the other's.
 void release(Operation& op, zt_pipe* pipe, const CloseOptions& options)
 {
     if (zt_exit_in_signal()) return;  // nothing is freed in a handler: the process ends, its memory with it
     if (pipe->buffer != nullptr && !options.no_free)
         zt_mem_ifree(pipe_memory, pipe->buffer, module_name, free_buffer_line);
     const void* const key = pipe;
+    const bool registered = pipe->registered != 0;
     {
         const TableLock lock;
         if (is_in_table(*pipe)) empty_slot(*pipe);  // an exit on another thread may have taken it out
         op.hand_over();
         zt_mem_ifree(pipe_memory, pipe, module_name, free_block_line);
     }
-    zt_ifile_del_entry(pipe_entry, key);
+    if (registered) zt_ifile_del_entry(pipe_entry, key);
 }
 
 void close_steps(Operation& op, int handle, const char* options_text)

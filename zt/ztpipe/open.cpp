@@ -139,7 +139,8 @@ void launch(Operation& op, const Request& request, zt_pipe& pipe, const char* co
     if (op.failed() || !kept(op, pipe)) return;
     ask_for_capacity(pipe);
     // Without PROGRAM or COMMAND the pipe has no child; it gets its handle and its entry all the same.
-    zt_ifile_add_entry(pipe_entry, request.program, &pipe, 0, request.file, request.line);
+    const int added = zt_ifile_add_entry(pipe_entry, request.program, &pipe, 0, request.file, request.line);
+    pipe.registered = added == 0 ? 1 : 0;
 }
 
 void open_steps(Operation& op, const Request& request, zt_pipe*& pipe)

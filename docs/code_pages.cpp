@@ -2,6 +2,7 @@
 // the places and the fields they fill from the table of failure sites that the tests fire one by one, and
 // what a place is called from the module's sources. Usage: code_pages markdown|mdoc SOURCE-DIRECTORY
 #include <zt/runtime/errors.h>
+#include <zt/ztpipe.h>
 #include <zt/ztpipe/codes.h>
 
 #include <algorithm>
@@ -63,6 +64,25 @@ void add_site(const std::vector<std::string>& columns, const std::vector<std::st
     }
 }
 
+/// What the runtime fills for a child's own end, which has no place in the module. An interrupt carries
+/// nothing; what a record shows beside it is left from what the operation had found before.
+void correct_parameters(Knowledge& all)
+{
+    all.parameters[ZT_PIPE_E_INTERRUPTED].clear();
+    all.parameters[ZT_PIPE_S_NORMAL] = all.parameters[ZT_PIPE_S_ERROR] = {"iparm[0]", "sparm[0]", "msg"};
+    all.parameters[ZT_PIPE_S_ABNORMAL] = {"sys_errno", "iparm[0]", "sparm[0]", "msg"};
+}
+
+/// The two places of each debug flag stand in one line of the sources, the flag behind it.
+void name_flag_places(const std::string& line, Knowledge& all)
+{
+    static const std::regex pair(R"(\{\{(\d+), \w+\}, \{(\d+), \w+\}\},\s*// (\w+))");
+    std::smatch found;
+    if (!std::regex_search(line, found, pair)) return;
+    all.places[std::stoi(found[1])].what = "misplaced not of " + found[3].str();
+    all.places[std::stoi(found[2])].what = "unknown category of " + found[3].str();
+}
+
 /// The name a place has in the sources says more than the label it reports.
 void name_places(const std::filesystem::path& file, Knowledge& all)
 {
@@ -74,6 +94,7 @@ void name_places(const std::filesystem::path& file, Knowledge& all)
             std::replace(name.begin(), name.end(), '_', ' ');
             all.places[std::stoi((*i)[3])].what = name;
         }
+        name_flag_places(line, all);
     }
 }
 
@@ -85,6 +106,7 @@ Knowledge read_knowledge(const std::filesystem::path& source)
     std::getline(table, line);
     const auto columns = split(line);
     while (std::getline(table, line)) add_site(columns, split(line), all);
+    correct_parameters(all);
     for (const auto& entry : std::filesystem::directory_iterator(source / "zt/ztpipe"))
         if (entry.path().extension() == ".cpp") name_places(entry.path(), all);
     return all;
@@ -164,7 +186,8 @@ Made by `scripts/docs` from the table in the library; do not edit.
 
 `status.code` (or `status.subcode`, where a read warns) holds one of these numbers. A parameter is a field of the
 record that the code fills, in some places not all of them. Beside them `where` has the place,
-"ztpipe(routine):line". A system error without a code of its own is 20000 + `errno`.
+"ztpipe(routine):line". A child's own end (10144, 10145, 10147) has no place: there `where` is empty. A system error
+without a code of its own is 20000 + `errno`.
 
 )",
                stdout);
@@ -220,6 +243,9 @@ Beside them
 .Fa where
 has the place,
 .Dq ztpipe(routine):line .
+The own end of a child (10144, 10145, 10147) has no place: there
+.Fa where
+is empty.
 A system error without a code of its own is 20000 +
 .Va errno .
 .Bl -tag -width Ds

@@ -118,7 +118,10 @@ Scenarios close_scenarios()
     };
     constexpr Fault every_close_fails{.function = Function::close, .from_then_on = true, .error = EINTR};
     return {
-        {"3342", close_refused("PROGRAM", "NOWAIT BOGUS")},
+        {"3342/unknown", close_refused("PROGRAM", "NOWAIT BOGUS")},
+        {"3342/twice", close_refused("PROGRAM", "NOWAIT NOWAIT")},
+        {"3342/value", close_refused("PROGRAM", "NOKILL=yes")},
+        {"3342/quote", close_refused("PROGRAM", "NOKILL='yes")},
         {"3540", close_refused("COMMAND", "NOWAIT")},
         {"3576", close_with({.function = Function::pclose, .error = EIO}, "true", "COMMAND", "")},
         {"3582", close_with({.function = Function::pclose, .result = 127}, "true", "COMMAND", "")},
@@ -139,7 +142,11 @@ Scenarios debug_scenarios()
     Scenarios scenarios{
         {"655", [](Firing& firing) { firing.configure(nullptr); }},
         {"660", configured(std::string(257, ' '))},
-        {"669", configured("PARMS BOGUS")},
+        {"669/unknown", configured("PARMS BOGUS")},
+        {"669/twice", configured("PARMS PARMS")},
+        {"669/no_value", configured("PARMS=")},
+        {"669/value", configured("OFF=yes")},
+        {"669/quote", configured("PARMS='read")},
         {"697", configured("OFF MEMORY PARMS")},
         {"4071", [](Firing& firing) { firing.report_settings_nowhere(); }},
     };

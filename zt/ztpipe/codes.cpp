@@ -33,7 +33,7 @@ const zt_code_text code_texts[code_text_count] = {
     {ZT_CODE(ZT_PIPE_E_FORK), "no process could be made for {sparm0}",
      "The limit of processes or of memory is reached; see the system text."},
     {ZT_CODE(ZT_PIPE_E_HANDLE), "{iparm0} is not the handle of an open pipe",
-     "The pipe was closed before, or its open failed and returned -1."},
+     "The pipe was closed before, its open failed and returned -1, or another thread is ending the process."},
     {ZT_CODE(ZT_PIPE_E_READ), "reading from {sparm0} failed",
      "See the system text. With object \"infinite loop of fread <= 0\" the buffer filled without the "
      "delimiter."},
@@ -52,7 +52,7 @@ const zt_code_text code_texts[code_text_count] = {
      "run."},
     {ZT_CODE(ZT_PIPE_S_ABNORMAL), "the child was ended by signal {sys_errno}",
      "15 is what a close without NOKILL sends to a child that still runs: read to the end first, or use "
-     "NOKILL."},
+     "NOKILL. 13 is a child that wrote when nobody read any more."},
     {ZT_CODE(ZT_PIPE_E_ACTIVE), "the program is still running", "Ask again later."},
     {ZT_CODE(ZT_PIPE_E_MUSTWAIT), "a COMMAND pipe cannot be closed with NOWAIT",
      "Close it without NOWAIT; the pipe is still open."},

@@ -94,6 +94,43 @@ TEST_F(CloseCommand, RefusesNowaitAndLeavesThePipeUsableForASecondClose)
     EXPECT_EQ(file.content(), "written after that");
 }
 
+TEST_F(CloseCommand, ReportsThatTheShellHasGoneBeforeItGotWhatWasWritten)
+{
+    const int handle = pipes::open("true", "COMMAND WRITE");
+    pipes::wait_for_a_child_to_end();
+    pipes::write(handle, "x");
+    EXPECT_EQ(close(handle), ZT_PIPE_E_CLOSE);
+    EXPECT_EQ(fields(), errno_report(ZT_PIPE_E_CLOSE, 3576, EPIPE, "true"));
+    EXPECT_EQ(pipes::block(handle), nullptr);
+}
+
+TEST_F(CloseCommand, SaysHowTheShellEndedRatherThanThatItDidNotGetWhatWasWritten)
+{
+    const int handle = pipes::open("exit 3", "COMMAND WRITE");
+    pipes::wait_for_a_child_to_end();
+    pipes::write(handle, "x");
+    EXPECT_EQ(close(handle), ZT_PIPE_S_ERROR);
+    EXPECT_EQ(status.iparm[0], 3);
+}
+
+// The line that the close writes first is when the interrupt arrives.
+TEST_F(CloseCommand, ReportsAnInterruptInsteadOfTheRefusedNowaitAndLeavesThePipeOpen)
+{
+    const TemporaryFile file;
+    const int handle = pipes::open("cat >" + file.path(), "COMMAND WRITE");
+    {
+        const TraceFile trace;
+        const Flag flag{Category::close, ZT_PIPE_PARMS};
+        const faults::Plan plan{{.function = Function::write, .raising = SIGINT}};
+        EXPECT_EQ(close(handle, "NOWAIT"), ZT_PIPE_E_INTERRUPTED);
+        EXPECT_TRUE(plan.fired());
+    }
+    EXPECT_EQ(status.where, at(routine, 3694));
+    pipes::write(handle, "written after that");
+    EXPECT_EQ(close(handle), 0u);
+    EXPECT_EQ(file.content(), "written after that");
+}
+
 TEST_F(CloseCommand, IsNotChangedByNokill)
 {
     const faults::Plan only_counting{};

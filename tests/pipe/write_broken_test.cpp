@@ -143,18 +143,21 @@ TEST_F(BrokenWrite, WaitsAgainAfterAnEarlierSigpipe)
 TEST_F(BrokenWrite, OnlyPollsARunningProgramWithoutASigpipe)
 {
     auto pipe = to_program("never_reads");
-    TraceFile trace;
     const Flag calls(Category::global, ZT_PIPE_PARMS);
     const Flag detail(Category::write, ZT_PIPE_DEBUG_FLAG);
-    {
-        const faults::Plan plan{{.function = Function::write, .error = EIO}};
-        EXPECT_EQ(zt_pipe_write(pipe, "x", 1, &status), -1);
-        EXPECT_EQ(faults::calls(Function::waitpid), 1);
+    for (const int last_signal : {0, SIGHUP, SIGPIPE - 1, SIGPIPE + 1}) {
+        pipe->last_signal = last_signal;
+        TraceFile trace;
+        {
+            const faults::Plan plan{{.function = Function::write, .error = EIO}};
+            EXPECT_EQ(zt_pipe_write(pipe, "x", 1, &status), -1);
+            EXPECT_EQ(faults::calls(Function::waitpid), 1);
+        }
+        EXPECT_EQ(record(), failed(3267, child("never_reads"), EIO));
+        EXPECT_EQ(trace.lines(), (Lines{"-> zt_pipe_status: [1] [false] []",
+                                        "<- zt_pipe_status: [1] [false] [0 0 0 ] returned 0"}));
+        EXPECT_EQ(pipe->wait_status, -1);
     }
-    EXPECT_EQ(record(), failed(3267, child("never_reads"), EIO));
-    EXPECT_EQ(trace.lines(), (Lines{"-> zt_pipe_status: [1] [false] []",
-                                    "<- zt_pipe_status: [1] [false] [0 0 0 ] returned 0"}));
-    EXPECT_EQ(pipe->wait_status, -1);
 }
 
 TEST_F(BrokenWrite, ThatFallsShortGoesByWhatErrnoHolds)

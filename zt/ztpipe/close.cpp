@@ -95,7 +95,7 @@ void close_command(Operation& op, zt_pipe& pipe)
     if (pipe.fh == nullptr) return;   // the launch failed before there was a stream
     if (zt_exit_in_signal()) return;  // pclose locks and frees: a handler may do neither
     const Address stream{pipe.fh};
-    if (pipe.direction == ZT_PIPE_WRITES) make_room(pipe.fh, SIZE_MAX / 2, OnInterrupt::go_on);
+    if (pipe.direction == ZT_PIPE_WRITES) wait_for_room(pipe.fh);
     pipe.wait_status = pclose(pipe.fh);
     if (op.traces_detail()) trace_pclose(pipe, stream);
     if (pipe.wait_status == -1) {

@@ -1,29 +1,52 @@
 #include <poll.h>
 #include <stdio_ext.h>
+#include <unistd.h>
 #include <zt/ztpipe/stream.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace zt::pipe {
 namespace {
 
-// A pipe that is ready takes a page at once, and a stream's buffer is no larger: the write does not block
-// after this, so that no signal can interrupt it.
-bool wait_until_ready(int fd, OnInterrupt on_interrupt)
+void take_out(std::FILE* stream, std::size_t count)
 {
-    pollfd end{fd, POLLOUT, 0};
-    while (poll(&end, 1, -1) < 0)
-        if (errno != EINTR || on_interrupt == OnInterrupt::give_up) return false;
+    char* const first = stream->_IO_write_base;
+    std::memmove(first, first + count, __fpending(stream) - count);
+    stream->_IO_write_ptr -= count;
+}
+
+// After a failure that no second attempt would mend the bytes are dropped, as the stream would do: the
+// failure is reported now and not once more by the close.
+bool write_out(std::FILE* stream)
+{
+    while (const std::size_t pending = __fpending(stream)) {
+        const ssize_t written = write(fileno(stream), stream->_IO_write_base, pending);
+        if (written < 0 && (errno == EINTR || errno == EAGAIN)) return false;
+        take_out(stream, written < 0 ? pending : static_cast<std::size_t>(written));
+        if (written < 0) return false;
+    }
     return true;
 }
 
 }  // namespace
 
-bool make_room(std::FILE* stream, std::size_t coming, OnInterrupt on_interrupt)
+bool make_room(std::FILE* stream, std::size_t coming)
 {
+    flockfile(stream);
     const std::size_t pending = __fpending(stream);
-    if (pending == 0 || pending + coming <= __fbufsize(stream)) return true;
-    return wait_until_ready(fileno(stream), on_interrupt) && std::fflush(stream) == 0;
+    const bool has_room = pending == 0 || pending + coming <= __fbufsize(stream) || write_out(stream);
+    funlockfile(stream);
+    return has_room;
+}
+
+// A pipe that is ready takes a page at once, and a stream's buffer is no larger.
+void wait_for_room(std::FILE* stream)
+{
+    if (__fpending(stream) == 0) return;
+    pollfd end{fileno(stream), POLLOUT, 0};
+    while (poll(&end, 1, -1) < 0 && errno == EINTR) {
+    }
 }
 
 }  // namespace zt::pipe

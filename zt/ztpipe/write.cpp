@@ -25,7 +25,7 @@ constexpr Site negative_length{4031, ZT_PIPE_E_TOOLONG};
 
 void write_stream(Operation& op, zt_pipe& pipe, const void* buffer, std::size_t length)
 {
-    if (make_room(pipe.fh, length, OnInterrupt::give_up) && std::fwrite(buffer, 1, length, pipe.fh) == length)
+    if (make_room(pipe.fh, length) && std::fwrite(buffer, 1, length, pipe.fh) == length)
         return note_write(pipe, length);
     if (interrupted()) return op.fail(at::stream_interrupted);
     op.fail_system(at::stream_failed, pipe.program);

@@ -91,6 +91,27 @@ TEST_F(Exit, ByAFatalSignalSendsOutWhatACommandIsStillOwed)
     EXPECT_TRUE(wait_until([&] { return file.content() == "still buffered"; }));
 }
 
+// The flag would be the other's, too, who has a copy of the descriptor.
+TEST_F(Exit, ByAFatalSignalDoesNotMakeAPipeNonBlockingThatIsOnlyRead)
+{
+    Child process([] {
+        orphans::prepare();
+        const int end = fileno(pipes::block(pipes::open("yes", "COMMAND"))->fh);
+        const pid_t owner = getpid();
+        if (fork() == 0) {
+            say("ready ");
+            const bool outlived = forked::comes_true([=] { return getppid() != owner; });
+            say(outlived && (fcntl(end, F_GETFL) & O_NONBLOCK) == 0 ? "blocking " : "non-blocking ");
+            _exit(0);
+        }
+        for (;;) pause();
+    });
+    ASSERT_TRUE(process.has_said("ready "));
+    process.kill(SIGTERM);
+    EXPECT_EQ(process.ended_by(), SIGTERM);
+    EXPECT_EQ(process.said(), "ready blocking ");
+}
+
 TEST_F(Exit, ByAFatalSignalInTheMiddleOfAReadTellsTheProgramToEnd)
 {
     Child process([] {

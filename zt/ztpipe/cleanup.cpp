@@ -115,9 +115,19 @@ void free_table()
     std::atomic_ref(Zt_avail_pipes).store(0, std::memory_order_release);
 }
 
+// The pipe to a PROGRAM child of this process that was not told to end yet.
 bool is_open_program(const zt_pipe& pipe)
 {
-    return pipe.mode == ZT_PIPE_MODE_PROGRAM && pipe.pid > 0;
+    const bool has_ends = pipe.read_fd != 0 || pipe.write_fd != 0;
+    return pipe.mode == ZT_PIPE_MODE_PROGRAM && is_own(pipe) && pipe.pid > 0 && has_ends;
+}
+
+bool is_program_open_above(int handle)
+{
+    const TableLock lock;
+    while (Zt_pipes != nullptr && ++handle < Zt_avail_pipes)
+        if (Zt_pipes[handle] != nullptr && is_open_program(*Zt_pipes[handle])) return true;
+    return false;
 }
 
 void close_early(std::int32_t& fd)
@@ -126,13 +136,10 @@ void close_early(std::int32_t& fd)
     fd = 0;
 }
 
-// The end of a shell is waited for, and a PROGRAM child may hold copies of the shell's pipe: as long as it
-// lives the shell may not end. So it is told to end before its turn comes.
-void end_programs_above(int command_handle)
+void end_programs_above(int handle)
 {
-    int handle = command_handle + 1;
-    for (; zt_pipe* const pipe = next_pipe(handle); ++handle) {
-        if (!is_own(*pipe) || !is_open_program(*pipe)) continue;
+    while (zt_pipe* const pipe = next_pipe(++handle)) {
+        if (!is_open_program(*pipe)) continue;
         close_early(pipe->read_fd);
         close_early(pipe->write_fd);
         if (pipe->wait_status == -1) kill(pipe->pid, SIGTERM);
@@ -144,9 +151,17 @@ void end_programs_above(int command_handle)
 bool may_need_others_to_end(const zt_pipe& pipe)
 {
     constexpr int patience_ms = 1000;
-    if (pipe.fh == nullptr || !is_own(pipe) || zt_exit_in_signal()) return false;
     pollfd output{fileno(pipe.fh), 0, 0};
     return pipe.direction == ZT_PIPE_WRITES || poll(&output, 1, patience_ms) <= 0;
+}
+
+// The end of a shell is waited for, and a PROGRAM child may hold copies of the shell's pipe: as long as it
+// lives the shell may not end. So it is told to end before its turn comes.
+void let_shell_end(const zt_pipe& pipe)
+{
+    if (pipe.fh == nullptr || !is_own(pipe) || zt_exit_in_signal()) return;
+    const int handle = static_cast<int>(pipe.handle);
+    if (is_program_open_above(handle) && may_need_others_to_end(pipe)) end_programs_above(handle);
 }
 
 void end_everything(zt::Status& status)
@@ -154,7 +169,7 @@ void end_everything(zt::Status& status)
     ZT_INIT_STATUS(&status);
     int handle = 1;
     for (; zt_pipe* const pipe = next_pipe(handle); ++handle) {
-        if (may_need_others_to_end(*pipe)) end_programs_above(handle);
+        let_shell_end(*pipe);
         end_pipe(*pipe, status);
     }
     free_table();

@@ -34,8 +34,13 @@ void forget()
 void save()
 {
     if (forks > counted_children) return;
+    // A signal in between would find the counters locked, by this very thread.
+    sigset_t all, before;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, &before);
     __gcov_dump();
     __gcov_reset();
+    sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
 }  // namespace coverage

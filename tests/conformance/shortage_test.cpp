@@ -6,13 +6,14 @@
 #include <zt/runtime/memory.h>
 #include <zt/runtime/open_files.h>
 
-#include <climits>
 #include <cstdio>
 #include <ostream>
 #include <set>
+#include <tuple>
 
 #include "tests/support/faults.h"
 #include "tests/support/leftovers.h"
+#include "tests/support/parent_size.h"
 #include "tests/support/pipes.h"
 
 using faults::Function;
@@ -155,7 +156,6 @@ enum Verdict { touched, untouched, wrong };
 
 Verdict walk(const Shortage& shortage, int nth)
 {
-    Zt_pipe_large_parent = LONG_MAX;  // always fork, also in a process that a sanitizer makes large
     Leftovers::settle();
     zt_pipe_cleanup(0);  // the walk begins with the handle table
     const Leftovers leftovers;
@@ -198,18 +198,32 @@ const Shortage shortages[] = {
     {"fork", Function::fork, {ZT_PIPE_E_FORK}, 2},
 };
 
+/// What is short, and Zt_pipe_large_parent.
+using ShortageAndLimit = std::tuple<Shortage, long>;
+
+std::string test_name(const testing::TestParamInfo<ShortageAndLimit>& info)
+{
+    return std::get<Shortage>(info.param).name;
+}
+
 }  // namespace
 
-class ShortageOf : public testing::TestWithParam<Shortage> {};
+class ShortageOf : public testing::TestWithParam<ShortageAndLimit> {};
 
 TEST_P(ShortageOf, ShowsOnceAndLosesNothing)
 {
+    const Shortage& shortage = std::get<Shortage>(GetParam());
+    Zt_pipe_large_parent = std::get<long>(GetParam());
     int nth = 1;
     Verdict verdict;
-    while ((verdict = walk_in_child(GetParam(), nth)) == touched) ++nth;
+    while ((verdict = walk_in_child(shortage, nth)) == touched) ++nth;
     EXPECT_EQ(verdict, untouched) << "request " << nth << " was refused";
-    EXPECT_GT(nth, GetParam().requests);
+    EXPECT_GT(nth, shortage.requests);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, ShortageOf, testing::ValuesIn(shortages),
-                         [](const auto& instance) { return instance.param.name; });
+INSTANTIATE_TEST_SUITE_P(InASmallParent, ShortageOf,
+                         testing::Combine(testing::ValuesIn(shortages), testing::Values(never_large)),
+                         test_name);
+INSTANTIATE_TEST_SUITE_P(InALargeParent, ShortageOf,
+                         testing::Combine(testing::ValuesIn(shortages), testing::Values(always_large)),
+                         test_name);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <stdio.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -25,6 +26,8 @@ std::atomic<int> planned_count{0};
 std::atomic<bool> armed{false};
 std::atomic<pid_t> planner{0};
 std::atomic<int> counts[static_cast<int>(Function::count_)];
+/// Children started by posix_spawnp.
+std::atomic<int> spawned{0};
 /// The stream that a faked transfer has broken: what its own error mark would say.
 std::atomic<FILE*> broken_stream{nullptr};
 
@@ -39,6 +42,7 @@ std::atomic<int>* fired_count()
 void reset_counts()
 {
     for (auto& count : counts) count = 0;
+    spawned = 0;
 }
 
 bool is_due(const Fault& fault, Function function, int call)
@@ -47,21 +51,44 @@ bool is_due(const Fault& fault, Function function, int call)
            (fault.from_then_on ? call >= fault.nth : call == fault.nth);
 }
 
+/// The fault happens now.
+void fire(const Fault& fault)
+{
+    ++*fired_count();
+    if (fault.raising) raise(fault.raising);
+}
+
 /// What a call has to do: nothing of its own (null), or to fail as the fault says.
 const Fault* consult(Function function)
 {
     if (!armed) return nullptr;
     const int saved_errno = errno;
-    const int call = ++counts[static_cast<int>(function)];
+    int call = ++counts[static_cast<int>(function)];
+    if (function == Function::fork) call += spawned;
     const Fault* failure = nullptr;
     for (int i = 0; i < planned_count; ++i) {
         if (!is_due(planned[i], function, call)) continue;
-        ++*fired_count();
-        if (planned[i].raising) raise(planned[i].raising);
+        fire(planned[i]);
         if (planned[i].error || planned[i].result) failure = &planned[i];
     }
     errno = saved_errno;
     return failure;
+}
+
+/// Why posix_spawnp cannot start a child: what is planned for a fork in its place, or for that child. Such a
+/// fault is left for the fork that follows. A signal alone is raised here.
+int reason_not_to_spawn()
+{
+    if (!armed) return 0;
+    const int call = counts[static_cast<int>(Function::fork)] + spawned + 1;
+    for (int i = 0; i < planned_count; ++i) {
+        const Fault& fault = planned[i];
+        if (fault.in_child) return fault.error ? fault.error : EAGAIN;
+        if (!is_due(fault, Function::fork, call)) continue;
+        if (fault.error) return fault.error;
+        fire(fault);
+    }
+    return 0;
 }
 
 /// Leaves the call with what the fault says.
@@ -164,6 +191,8 @@ using faults::Function;
 extern "C" {
 
 pid_t __real_fork(void);
+int __real_posix_spawnp(pid_t*, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*,
+                        char* const*, char* const*);
 int __real_execvp(const char*, char* const*);
 int __real_pipe(int*);
 int __real_dup2(int, int);
@@ -193,6 +222,16 @@ pid_t __wrap_fork(void)
         coverage::forget();
     }
     return pid;
+}
+
+int __wrap_posix_spawnp(pid_t* pid, const char* file, const posix_spawn_file_actions_t* actions,
+                        const posix_spawnattr_t* attributes, char* const* argv, char* const* envp)
+{
+    if (const faults::Fault* fault = faults::consult(Function::posix_spawnp)) return fault->error;
+    if (const int error = faults::reason_not_to_spawn()) return error;
+    const int error = __real_posix_spawnp(pid, file, actions, attributes, argv, envp);
+    if (error == 0) ++faults::spawned;
+    return error;
 }
 
 int __wrap_execvp(const char* file, char* const* argv)

@@ -13,6 +13,11 @@
 ///     EXPECT_EQ(faults::calls(Function::close), 2);
 /// @endcode
 ///
+/// posix_spawnp starts a child as fork does, so it cannot be told from outside what goes on in that child:
+/// where the plan has a fault for the fork that would stand in its place, or for any forked child,
+/// posix_spawnp refuses with that fault's error and starts nothing. A caller that then forks meets the fault
+/// itself.
+///
 /// What a C++ object takes with `new` is not counted: that call is inside the standard library. Safe in
 /// signal handlers, in several threads and after fork; nothing is allocated.
 #ifndef ZT_TESTS_SUPPORT_FAULTS_H
@@ -26,6 +31,7 @@ namespace faults {
 /// `open` is also open64.
 enum class Function {
     fork,
+    posix_spawnp,
     execvp,
     pipe,
     dup2,
@@ -50,7 +56,8 @@ enum class Function {
 
 struct Fault {
     Function function;
-    /// Which call, counted from 1 since the plan was made (in a forked child: since the fork).
+    /// Which call, counted from 1 since the plan was made (in a forked child: since the fork). A child
+    /// started by posix_spawnp counts as a fork.
     int nth = 1;
     /// Every later call too.
     bool from_then_on = false;

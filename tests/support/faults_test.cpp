@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -43,6 +44,17 @@ int in_child(Body body)
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+/// Starts a program and waits for it; the result is that of posix_spawnp.
+int spawn_true()
+{
+    char program[] = "true";
+    char* words[] = {program, nullptr};
+    pid_t pid;
+    const int error = posix_spawnp(&pid, program, nullptr, nullptr, words, environ);
+    if (error == 0) waitpid(pid, nullptr, 0);
+    return error;
 }
 
 volatile sig_atomic_t last_signal;
@@ -246,6 +258,34 @@ TEST(Faults, DoNotHappenInTheForkedChildOtherwise)
     Plan plan{{.function = Function::dup2, .from_then_on = true, .error = EBUSY}};
     EXPECT_EQ(in_child([] { return dup2(1, 1) == 1 ? 0 : 1; }), 0);
     EXPECT_FALSE(plan.fired());
+}
+
+TEST(Faults, KeepPosixSpawnFromWhatIsPlannedForAFork)
+{
+    {
+        Plan plan{{.function = Function::fork, .nth = 2, .error = EAGAIN}};
+        EXPECT_EQ(spawn_true(), 0);
+        EXPECT_EQ(spawn_true(), EAGAIN);
+        EXPECT_FALSE(plan.fired()) << "left for the fork";
+        EXPECT_EQ(fork(), -1);
+        EXPECT_EQ(errno, EAGAIN);
+        EXPECT_EQ(spawn_true(), 0);
+        EXPECT_EQ(faults::calls(Function::posix_spawnp), 3);
+        EXPECT_EQ(faults::calls(Function::fork), 1);
+    }
+    Plan plan{{.function = Function::dup2, .error = EBUSY, .in_child = true}};
+    EXPECT_EQ(spawn_true(), EBUSY);
+    EXPECT_EQ(in_child([] { return dup2(1, 1) == -1 ? 0 : 1; }), 0);
+}
+
+TEST(Faults, RaiseASignalPlannedForAForkInPosixSpawn)
+{
+    signal(SIGINT, [](int signo) { last_signal = signo; });
+    Plan plan{{.function = Function::fork, .raising = SIGINT}};
+    EXPECT_EQ(spawn_true(), 0);
+    EXPECT_EQ(last_signal, SIGINT);
+    EXPECT_TRUE(plan.fired());
+    signal(SIGINT, SIG_DFL);
 }
 
 TEST(Faults, RaiseASignalInsideTheCallAndGoOn)

@@ -11,7 +11,7 @@ static std::string ask(int bc, const std::string& request, zt::Status& status)
     if (zt_pipe_write(bc, line.data(), static_cast<int>(line.size()), &status) < 0) return {};
     char* reply = nullptr;
     int length = zt_pipe_read_unlimited(bc, &reply, 0, "\n", &status);
-    return length > 0 ? std::string(reply, static_cast<std::size_t>(length - 1)) : std::string();
+    return length > 0 && reply ? std::string(reply, static_cast<std::size_t>(length - 1)) : std::string();
 }
 
 int main()
@@ -29,6 +29,6 @@ int main()
         if (reply.empty()) break;
         std::printf("%s is %s\n", request, reply.c_str());
     }
-    if (status.code != 0) std::fprintf(stderr, "%s\n", status.what());
+    if (status.code != 0 || status.subcode != 0) std::fprintf(stderr, "%s\n", status.what());
     return ZT_PIPE_CLOSE(bc, "NOKILL", &status);  // end of input ends bc; it is waited for
 }

@@ -17,12 +17,12 @@ int main()
     }
     long lines = 0, longest = 0;
     char* line = nullptr;
-    for (int length; (length = zt_pipe_read_unlimited(handle, &line, 0, "\n", &status)) > 0;) {
+    for (int length; (length = zt_pipe_read_unlimited(handle, &line, 0, "\n", &status)) > 0 && line;) {
         ++lines;
         if (length > longest) longest = length;
         if (lines % 25000 == 0) std::printf("line %ld: %s", lines, line);
     }
-    if (status.code != 0) std::fprintf(stderr, "%s\n", status.what());
+    if (status.code != 0 || !line) std::fprintf(stderr, "%s\n", status.what());
     std::printf("%ld lines, the longest has %ld bytes\n", lines, longest);
     return ZT_PIPE_CLOSE(handle, "", &status);
 }

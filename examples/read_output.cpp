@@ -11,7 +11,7 @@ int main(int argc, char** argv)
     int handle = ZT_PIPE_OPEN(command, "COMMAND, READ", nullptr, nullptr, &status);
     char* text = nullptr;  // the pipe's own buffer: valid until the close
     int length = handle > 0 ? zt_pipe_read_unlimited(handle, &text, 0, nullptr, &status) : -1;
-    if (length < 0) {
+    if (length < 0 || !text) {  // no text: memory ran out while it was read
         std::fprintf(stderr, "%s\n", status.what());
         return 1;
     }

@@ -10,7 +10,7 @@ static std::string read_to_prompt(int python, zt::Status& status)
 {
     char* text = nullptr;
     int length = zt_pipe_read_unlimited(python, &text, 0, prompt.c_str(), &status);
-    if (length < 0) return status.what();
+    if (length < 0 || !text) return status.what();
     std::string reply(text, static_cast<std::size_t>(length));
     const std::size_t end = reply.rfind(prompt);
     return end == std::string::npos ? reply : reply.substr(0, end);

@@ -35,8 +35,9 @@ reply. For a program that prompts, name the prompt:
 A program that has ended instead of reading a line has its last words printed.
 At the end of standard input the pipe is closed, output first, and what the program still
 wants to say is not printed. It then sees the end of its input and is waited for (NOKILL).
-With --close '' it gets SIGTERM at once instead. Where a program says something at its end
-(a prompt, a farewell), let the last line be its own command to quit.
+With --close '' it gets SIGTERM at once instead, as it does after a failure. Where a program
+says something at its end (a prompt, a farewell), let the last line be its own command to
+quit.
 
 Printing the output of a command: each time the output ends with DELIMITER it is printed.
 One byte is asked for at a time, so that a line is printed as soon as it is there; -d ''

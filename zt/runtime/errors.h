@@ -47,19 +47,36 @@ extern "C" {
 ///        ZT_ERROR_TABLES is ignored; its codes are then described by number.
 ZT_API void zt_error_add_codes(const zt_code_text* table, std::size_t count);
 
+/// Looks up a code in all tables.
+/// @param code any number.
 /// @return the row of @p code, static; null for a code that no table has, system errors among them.
+///
+/// @code
+///     const zt_code_text* text = zt_error_code_text(status.code);
+///     if (text && text->advice) std::puts(text->advice);
+/// @endcode
 ZT_API const zt_code_text* zt_error_code_text(std::uint32_t code);
 
 /// The library's code for a system error.
 /// @param error a value of `errno`.
 /// @return ZT_ERROR_SYSTEM + @p error; ZT_ERROR_SYSTEM itself for 0 and below, so never 0.
+///
+/// @code
+///     if (mkdir(path, 0700) < 0) status.code = zt_error_no(errno);   // 20017 when it exists
+/// @endcode
 ZT_API std::uint32_t zt_error_no(int error);
 
 /// Writes the system's text for an error, in English whatever the locale: "No such file or directory".
-/// @param error  a value of `errno`; any other gives "Unknown error N".
+/// @param error  a value of `errno`; 0 gives "Success", a number that the system does not have "Unknown
+///               error N".
 /// @param buffer takes the text, cut to fit and always terminated; null is allowed and nothing happens.
 /// @param size   its room in bytes; 0 leaves it alone.
 /// @return @p buffer.
+///
+/// @code
+///     char text[256];
+///     zt_trace_msg("fork failed: %s", zt_error_msg_r(errno, text, sizeof text));
+/// @endcode
 ZT_API char* zt_error_msg_r(int error, char* buffer, std::size_t size);
 
 /// Writes the line about a record that zt::Status::what gives.
@@ -67,6 +84,11 @@ ZT_API char* zt_error_msg_r(int error, char* buffer, std::size_t size);
 /// @param buffer takes the line, cut to fit and always terminated; null is allowed and nothing happens.
 /// @param size   its room in bytes; 0 leaves it alone.
 /// @return the number of characters written, without the terminator.
+///
+/// @code
+///     char line[512];
+///     zt_error_describe(&status, line, sizeof line);
+/// @endcode
 ZT_API std::size_t zt_error_describe(const ubstatus* record, char* buffer, std::size_t size);
 
 }  // extern "C"

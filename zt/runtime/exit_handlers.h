@@ -84,7 +84,12 @@ ZT_API uint32_t zt_atexit(void (*function)(int), const char* name, const char* m
 ///
 /// @return true there, false everywhere else (also on other threads, and at normal exit).
 ///
-/// Safe in a signal handler; costs one load when no signal is ending the process.
+/// Safe in any thread and in a signal handler; costs one load when no signal is ending the process. errno is
+/// kept.
+///
+/// @code
+/// static void clean_up(int) { if (!zt_exit_in_signal()) std::free(table); }
+/// @endcode
 ZT_API bool zt_exit_in_signal(void);
 
 /// Tells whether another thread is ending the process by `exit` (or by its return from `main`) and has begun
@@ -93,7 +98,11 @@ ZT_API bool zt_exit_in_signal(void);
 /// @return true from then on until the process has gone; false on that thread itself, whose static objects'
 ///         destructors may go on using everything.
 ///
-/// Async-signal-safe.
+/// Safe in any thread, and async-signal-safe. errno is kept.
+///
+/// @code
+/// if (zt_exit_elsewhere()) return -1;   // nobody would end the child that is started now
+/// @endcode
 ZT_API bool zt_exit_elsewhere(void);
 
 /// Begins a stretch of a few instructions that the exit functions must not see half done, such as a fork
@@ -122,7 +131,7 @@ ZT_API void zt_exit_hold(zt_exit_hold_state* state);
 ///
 /// @param state what zt_exit_hold() filled; not null.
 ///
-/// Async-signal-safe.
+/// Async-signal-safe, on the thread that took the hold. For an example see zt_exit_hold().
 ZT_API void zt_exit_release(zt_exit_hold_state* state);
 }
 

@@ -45,6 +45,7 @@ ZT_API void* zt_mem_icalloc(int memory_class, std::size_t count, std::size_t siz
                             int line);
 
 /// Resizes an array to @p count elements and zeroes the slots beyond @p old_count.
+///
 /// Large blocks are resized in place or moved by the page, without copying, so that growing one step at a
 /// time costs linear time.
 /// @param memory_class the class @p old was taken with.
@@ -56,11 +57,30 @@ ZT_API void* zt_mem_icalloc(int memory_class, std::size_t count, std::size_t siz
 /// @param file      the caller's source file, null allowed; @p line the caller's line.
 /// @return the block, perhaps at another address; @p old is then gone. Null on failure, with @p old as it
 ///         was and `errno` ENOMEM, or EINVAL for a wrong class or a block that is not ours.
+///
+/// @code
+///     void* more = zt_mem_irecalloc(2, names, 32, sizeof *names, 16, 0, __FILE__, __LINE__);
+///     if (!more) return report_no_memory(errno, zt_heapsize());   // names is as it was
+///     names = static_cast<char**>(more);                          // names[16] to names[31] are null
+/// @endcode
 ZT_API void* zt_mem_irecalloc(int memory_class, void* old, std::size_t count, std::size_t size,
                               std::size_t old_count, int zero, const char* file, int line);
 
 /// Resizes a block to @p size bytes, as zt_mem_irecalloc does; bytes beyond the old size are not defined.
+/// @param memory_class the class @p old was taken with.
+/// @param old  the block; null takes a new one.
 /// @param size bytes wanted; 0 gives a block of 0 bytes, it does not free.
+/// @param zero reserved, 0; ignored.
+/// @param file the caller's source file, null allowed.
+/// @param line the caller's line.
+/// @return the block, perhaps at another address, to be freed with zt_mem_ifree; @p old is then gone. Null on
+///         failure, with @p old as it was and `errno` ENOMEM, or EINVAL for a wrong class or a block that is
+///         not ours.
+///
+/// @code
+///     void* larger = zt_mem_irealloc(2, buffer, 2 * size, 0, __FILE__, __LINE__);
+///     if (larger) buffer = static_cast<char*>(larger), size *= 2;
+/// @endcode
 ZT_API void* zt_mem_irealloc(int memory_class, void* old, std::size_t size, int zero, const char* file,
                              int line);
 
@@ -74,7 +94,13 @@ ZT_API void zt_mem_ifree(int memory_class, void* block, const char* file, int li
 ///         Safe in a signal handler. While other threads allocate, a value of about that moment.
 ZT_API int zt_heapsize(void);
 
-/// @return the bytes in use in one class; 0 for a class that does not exist. Safe in a signal handler.
+/// @param memory_class any number.
+/// @return the bytes in use in one class; 0 for a class that does not exist. Safe in a signal handler. While
+///         other threads allocate, a value of about that moment.
+///
+/// @code
+///     zt_trace_msg("   pipes: %ld bytes", zt_heapsize_class(2));
+/// @endcode
 ZT_API long zt_heapsize_class(int memory_class);
 
 }  // extern "C"

@@ -38,6 +38,12 @@ extern "C" {
 /// @param status the record for a failure; null is allowed. There is nothing that fails today, so it is
 ///               untouched.
 /// @return 0.
+///
+/// Safe in any thread; not for signal handlers. `errno` stays as it was.
+///
+/// @code
+/// if (zt_file_init(0, &status) != 0) std::puts(status.what());
+/// @endcode
 ZT_API uint32_t zt_file_init(int zero, zt::Status* status);
 
 /// Enters an object.
@@ -65,12 +71,20 @@ ZT_API int zt_ifile_add_entry(int kind, const char* name, void* block, int zero,
 /// @param kind the sort of object, as entered.
 /// @param key  address of the block, as entered; it is not read. Null matches nothing.
 /// @return 1 when an entry was removed, 0 when there was none. `errno` stays as it was.
+///
+/// Frees the entry. For an example see zt_ifile_add_entry().
 ZT_API int zt_ifile_del_entry(int kind, const void* key);
 
 /// Counts the entries of a kind, those that were inherited over a fork included.
 ///
 /// @param kind the sort of object.
-/// @return the number of entries.
+/// @return the number of entries; 0 for a kind that nobody entered. `errno` stays as it was.
+///
+/// Takes time in proportion to all entries. Safe in any thread; not for signal handlers.
+///
+/// @code
+/// printf("%d pipes are open\n", zt_ifile_count(6));
+/// @endcode
 ZT_API int zt_ifile_count(int kind);
 
 /// Shows the entries of a kind, oldest first.

@@ -37,14 +37,12 @@ extern "C" {
 ///                      blanks and/or commas; not null, at least one signal.
 /// @param status        the caller's record; filled on failure, untouched on success.
 /// @return 0, or the code:
-/// - 10036 a null argument: `sparm[0]` "handler" or "specification", `sparm[1]` "zt_signal". A text that
-/// names
-///   no signal counts as a missing "specification"
+/// - 10036 a null argument: `sparm[0]` "handler" or "specification", `sparm[1]` "zt_signal". A text
+///   that names no signal counts as a missing "specification"
 /// - 10047 `status` is null; nothing happened
 /// - ZT_OPTION_E_UNKNOWN an unknown word: `sparm[0]` the word (cut to 255 characters)
-/// - zt_error_no(errno) the system refuses a signal (SIGKILL, SIGSTOP): `sys_errno`, `sys_msg`, `sparm[0]`
-/// the
-///   signal's token, `sparm[1]` the handler's name, `object` the module
+/// - zt_error_no(errno) the system refuses a signal (SIGKILL, SIGSTOP): `sys_errno`, `sys_msg`,
+///   `sparm[0]` the signal's token, `sparm[1]` the handler's name, `object` the module
 ///
 /// Safe in any thread; for SIGINT also while the interrupt latch is armed.
 ///
@@ -61,7 +59,11 @@ ZT_API uint32_t zt_signal(void (*handler)(int), const char* name, const char* mo
 /// @param signo a signal number; any value.
 /// @return static text, never null; "UNKNOWN" when there is no such signal.
 ///
-/// Async-signal-safe.
+/// Safe in any thread, and async-signal-safe.
+///
+/// @code
+/// printf("ended by %s\n", zt_signal_token(WTERMSIG(word)));  // SIGKILL
+/// @endcode
 ZT_API const char* zt_signal_token(int signo);
 
 /// What a signal means, in words, such as "Broken pipe".
@@ -69,7 +71,11 @@ ZT_API const char* zt_signal_token(int signo);
 /// @param signo a signal number; any value.
 /// @return static text, never null; "Unknown signal" when there is no such signal.
 ///
-/// Async-signal-safe.
+/// Safe in any thread, and async-signal-safe.
+///
+/// @code
+/// printf("ended by a signal: %s\n", zt_signal_desc(WTERMSIG(word)));  // Killed
+/// @endcode
 ZT_API const char* zt_signal_desc(int signo);
 
 /// Tells whether an exit function may do its work for this cause.
@@ -77,7 +83,11 @@ ZT_API const char* zt_signal_desc(int signo);
 /// @param signo what the exit function was called with: 0 and below mean normal termination.
 /// @return true for normal termination and for zt::asynchronous_fatal_signals, false for everything else.
 ///
-/// Async-signal-safe.
+/// Safe in any thread, and async-signal-safe.
+///
+/// @code
+/// static void clean_up(int signo) { if (zt_signal_safe(signo)) tell_children(); }
+/// @endcode
 ZT_API bool zt_signal_safe(int signo);
 
 /// Gives a forked child the signal actions that a new program should start with.
@@ -101,7 +111,12 @@ ZT_API void zt_signal_prepare_exec(void);
 /// @param old         where the action so far is stored; may be null.
 /// @return 0, or -1 with errno set as by `sigaction`.
 ///
-/// Async-signal-safe.
+/// Safe in any thread, and async-signal-safe.
+///
+/// @code
+/// struct sigaction now;
+/// const bool handled = zt_signal_action(SIGTERM, nullptr, &now) == 0 && now.sa_handler != SIG_DFL;
+/// @endcode
 ZT_API int zt_signal_action(int signo, const struct sigaction* replacement, struct sigaction* old);
 }
 

@@ -35,7 +35,7 @@ struct ubstatus {
     std::uint32_t subcode;  ///< A second outcome beside `code`, such as how a child ended; 0 for a failure.
     std::uint32_t
         sys_errno;  ///< `errno` of the system call that failed; a signal number where a child ended by one.
-    std::int32_t count;                   ///< Bytes transferred; set by transfers only, never cleared.
+    std::int32_t count;                   ///< Bytes read; set by reads only, `clear` keeps it.
     std::int32_t iparm[ZT_STATUS_PARMS];  ///< Numbers for the message; `clear` leaves them as they were.
     char msg[ZT_STATUS_TEXT];             ///< The message, or the name of what it is about.
     char sys_msg[ZT_STATUS_TEXT];         ///< The system's text for `sys_errno`.
@@ -90,8 +90,9 @@ class ZT_API Status : public std::exception, public ubstatus {
 
     /// One line for a person: the code's name and number, its meaning with this record's parameters filled
     /// in, the system's text, and the place, as in
-    /// "ZT_PIPE_E_HANDLE (10138): handle 7 does not name an open pipe [ztpipe(zt_pipe_read):1093]".
-    /// A record with code 0 says "success", and then how the child ended where `subcode` tells it.
+    /// "ZT_PIPE_E_HANDLE (10138): 7 is not the handle of an open pipe [ztpipe(zt_pipe_read):1093]".
+    /// A record with code 0 says "success", and then what `subcode` means where a table knows it: how the
+    /// child ended, or of what a read warns.
     /// Control characters in parameters are shown as C escapes; a line longer than 2047 characters is cut.
     ///
     /// @return a text inside the object, never null, without a newline. It stays as it is until the next

@@ -7,7 +7,7 @@
 ///
 /// @code
 ///     zt_strncpy(record.object, name, sizeof record.object);
-///     zt_trim_filename("/usr/lib/very/long/path/to/program", 24, shown);   // ".../long/path/to/program"
+///     zt_trim_filename("/usr/lib/very/long/path/to/program", 25, shown);   // ".../long/path/to/program"
 /// @endcode
 #ifndef ZT_RUNTIME_TEXT_H
 #define ZT_RUNTIME_TEXT_H
@@ -35,17 +35,28 @@ ZT_API char* zt_strncpy(char* dst, const char* src, std::size_t size);
 ZT_API char* zt_trim_filename(const char* path, std::size_t width, char* dst);
 
 /// Compares two texts without regard to the case of the letters A to Z.
+/// @param text one text; null is allowed.
+/// @param word the other one; null is allowed.
 /// @return 0 when equal, otherwise below or above 0 as @p text comes before or after @p word in lower case.
 ///         Null comes before every text and equals null.
+///
+/// @code
+///     if (zt_stricmp(value, "DISCARD") == 0) discard = true;   // also "discard"
+/// @endcode
 ZT_API int zt_stricmp(const char* text, const char* word);
 
 /// Renders bytes as printable ASCII: newline, tab, carriage return and backslash as \\n \\t \\r \\\\, every
 /// other byte that is not printable ASCII as \\x and exactly two upper-case digits.
-/// @param text   the bytes, terminators among them if they lie within @p length.
+/// @param text   the bytes, terminators among them if they lie within @p length; null gives the empty text.
 /// @param length their number.
 /// @param dst    takes the rendering and a terminator: at most 4 * @p length + 1 bytes, and it must have that
 ///               room. It must not overlap @p text.
 /// @return @p dst.
+///
+/// @code
+///     char shown[4 * 2 + 1];
+///     zt_character_to_string("\r\n", 2, shown);   // 4 characters: \r\n
+/// @endcode
 ZT_API char* zt_character_to_string(const char* text, std::size_t length, char* dst);
 
 }  // extern "C"

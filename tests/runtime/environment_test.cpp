@@ -1,13 +1,18 @@
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/time.h>
 #include <tests/support/faults.h>
+#include <tests/support/forked_child.h>
 #include <unistd.h>
 #include <zt/runtime/environment.h>
 #include <zt/runtime/memory.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -103,6 +108,87 @@ TEST_F(Environment, LookingUpKeepsErrno)
     errno = 4711;
     zt_getenv("NO_SUCH_VARIABLE");
     EXPECT_EQ(errno, 4711);
+}
+
+TEST_F(Environment, TheProcesssOwnAnswersWhileAnotherOneIsLent)
+{
+    Vector own({"A=own", "B=own"});
+    Vector lent({"A=lent"});
+    environ = own.get();
+    EXPECT_EQ(zt_own_environ(), own.get());
+    EXPECT_EQ(zt_environ_lend(lent.get()), own.get());
+    EXPECT_EQ(environ, lent.get());
+    EXPECT_EQ(zt_own_environ(), own.get());
+    EXPECT_STREQ(zt_getenv("A"), "own");
+    EXPECT_EQ(combine({"C=3"}, 1), (Entries{"A=own", "B=own", "C=3"}));
+    zt_environ_take_back(own.get());
+    EXPECT_EQ(environ, own.get());
+    EXPECT_EQ(zt_own_environ(), own.get());
+}
+
+TEST_F(Environment, AProcessWithoutAnyHasNoneWhileOneIsLentAndKeepsItAfterwards)
+{
+    Vector lent({"A=lent"});
+    environ = nullptr;
+    EXPECT_EQ(zt_environ_lend(lent.get()), nullptr);
+    EXPECT_EQ(zt_own_environ(), nullptr);
+    EXPECT_EQ(zt_getenv("A"), nullptr);
+    EXPECT_EQ(combine({"B=2"}, 1), Entries{"B=2"});
+    zt_environ_take_back(nullptr);
+    EXPECT_EQ(zt_own_environ(), lent.get());
+    EXPECT_STREQ(zt_getenv("A"), "lent");
+}
+
+TEST_F(Environment, AForkedChildHasTheOwnOneEvenWhereThatIsNone)
+{
+    Vector lent({"A=lent"});
+    for (char** const own : {environ, static_cast<char**>(nullptr)}) {
+        environ = own;
+        zt_environ_lend(lent.get());
+        forked::Child child([=] { forked::say(environ == own && zt_own_environ() == own ? "own" : "lent"); });
+        zt_environ_take_back(own);
+        EXPECT_EQ(child.said(), "own");
+    }
+}
+
+TEST_F(Environment, AThreadNeverGetsTheVectorThatAnotherOneLendsAndTakesBack)
+{
+    constexpr int loans = 1000000;
+    char** const own = environ;
+    Vector lent({"A=lent"});
+    std::atomic<bool> done{false};
+    std::thread lender([&] {
+        for (int i = 0; i < loans; ++i) zt_environ_take_back(zt_environ_lend(lent.get()));
+        done = true;
+    });
+    int wrong = 0;
+    while (!done) wrong += zt_own_environ() != own ? 1 : 0;
+    lender.join();
+    EXPECT_EQ(wrong, 0);
+}
+
+char** expected_in_handler;
+std::atomic<int> right_in_handler, wrong_in_handler;
+
+void look(int)
+{
+    ++(zt_own_environ() == expected_in_handler ? right_in_handler : wrong_in_handler);
+}
+
+TEST_F(Environment, AHandlerThatInterruptsTheLenderGetsTheOwnOneAtOnce)
+{
+    constexpr int interruptions = 500;
+    expected_in_handler = environ;
+    Vector lent({"A=lent"});
+    signal(SIGALRM, look);
+    const itimerval often = {{0, 100}, {0, 100}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    while (right_in_handler + wrong_in_handler < interruptions)
+        zt_environ_take_back(zt_environ_lend(lent.get()));
+    const itimerval never = {};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    signal(SIGALRM, SIG_DFL);
+    EXPECT_EQ(wrong_in_handler, 0);
 }
 
 TEST_F(Environment, WithoutMergingEnvpIsCopiedAsItStands)

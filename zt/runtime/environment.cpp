@@ -13,8 +13,19 @@ namespace {
 
 constexpr int memory_class = 2;
 
-/// The process's own environment while another one is lent to it; null otherwise.
-constinit std::atomic<char**> own_environment{nullptr};
+/// The loan of another environment to the process. Readers take no lock, and one in a signal handler may have
+/// interrupted the lender anywhere: between any two stores the right answer is there to be had.
+struct Loan {
+    std::atomic<bool> lasts{false};
+    std::atomic<char**> own{nullptr};  // what the process has itself, while the loan lasts
+    std::atomic<unsigned> number{0};  // counted up between the loan's beginning and the exchange of `environ`
+};
+constinit Loan loan;
+
+std::atomic_ref<char**> installed()
+{
+    return std::atomic_ref(environ);
+}
 
 /// Length of the name in NAME=value, 0 for an entry of another form.
 size_t name_length(const char* entry)
@@ -153,7 +164,8 @@ namespace {
 /// A child that one thread forks while another one has the environment lent starts with the process's own.
 void take_back_in_child()
 {
-    zt_environ_take_back(own_environment.load(std::memory_order_relaxed));
+    if (loan.lasts) installed() = loan.own;
+    loan.lasts = false;
 }
 
 [[maybe_unused]] const int fork_handler = pthread_atfork(nullptr, nullptr, take_back_in_child);
@@ -171,24 +183,32 @@ extern "C" const char* zt_getenv(const char* name)
     return nullptr;
 }
 
+// What is installed is the process's own only if no loan has begun before it was read. Another round comes
+// only of another loan by another thread.
 extern "C" char** zt_own_environ(void)
 {
-    char** const own = own_environment.load(std::memory_order_acquire);
-    return own ? own : environ;
+    for (;;) {
+        const unsigned number = loan.number;
+        if (loan.lasts) return loan.own;
+        char** const found = installed();
+        if (loan.number == number) return found;
+    }
 }
 
 extern "C" char** zt_environ_lend(const char* const* envp)
 {
-    char** const own = environ;
-    own_environment.store(own, std::memory_order_release);
-    environ = const_cast<char**>(envp);
+    char** const own = installed();
+    loan.own = own;
+    loan.lasts = true;
+    ++loan.number;
+    installed() = const_cast<char**>(envp);
     return own;
 }
 
 extern "C" void zt_environ_take_back(char** own)
 {
-    if (own) environ = own;
-    own_environment.store(nullptr, std::memory_order_release);
+    if (own) installed() = own;
+    loan.lasts = false;
 }
 
 extern "C" int zt_combine_environs(const char* const* envp, int merge_current, char*** out)
@@ -198,10 +218,11 @@ extern "C" int zt_combine_environs(const char* const* envp, int merge_current, c
         errno = EINVAL;
         return -1;
     }
+    char* const* const current = merge_current ? zt_own_environ() : nullptr;
     Extent extent;
     extent.add(envp);
     const size_t slot_count = merge_current ? Names::slots_for(extent.entries) : 0;
-    if (merge_current) extent.add(environ);
+    extent.add(current);
 
     const size_t slots_offset = (extent.entries + 1) * sizeof(char*);
     const size_t text_offset = slots_offset + slot_count * sizeof(Names::Slot);
@@ -211,7 +232,7 @@ extern "C" int zt_combine_environs(const char* const* envp, int merge_current, c
 
     Builder builder(static_cast<char*>(block), slots_offset, text_offset);
     if (merge_current)
-        merge(builder, Names(builder.slots(), slot_count), environ, envp);
+        merge(builder, Names(builder.slots(), slot_count), current, envp);
     else
         builder.append_all(envp);
     *out = static_cast<char**>(block);

@@ -22,9 +22,10 @@ extern "C" {
 /// @endcode
 ZT_API const char* zt_getenv(const char* name);
 
-/// @return the process's own environment, also while another one is lent to it; null when it has none.
+/// @return the process's own environment, also while another one is lent to it; null when it has none (also
+///         while that process without any is lent one).
 ///
-/// Async-signal-safe.
+/// Async-signal-safe. Threads may ask while another one lends and takes back.
 ///
 /// @code
 /// execve(file, words, zt_own_environ());
@@ -49,13 +50,13 @@ ZT_API char** zt_environ_lend(const char* const* envp);
 /// Ends the loan.
 ///
 /// @param own what zt_environ_lend() returned. With null, for a process that had no environment, the lent one
-///        stays installed.
+///        stays installed and is its own from now on.
 ZT_API void zt_environ_take_back(char** own);
 
 /// Makes the environment vector for a child.
 ///
-/// Without merging it is a copy of `envp` as it stands. With merging it is the current environment, in its
-/// order: a variable that `envp` names too has the value of `envp` in the same place (once, should the
+/// Without merging it is a copy of `envp` as it stands. With merging it is the process's own environment, in
+/// its order: a variable that `envp` names too has the value of `envp` in the same place (once, should the
 /// environment hold it several times), and what `envp` adds follows in the order of `envp`. When `envp` names
 /// a variable several times, the last one counts. Entries that are not of the form NAME=value are passed on
 /// as they are; they replace nothing and nothing replaces them.

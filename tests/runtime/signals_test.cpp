@@ -11,6 +11,8 @@
 #include <atomic>
 #include <iterator>
 #include <string>
+#include <thread>
+#include <utility>
 
 using forked::Child;
 using forked::say;
@@ -53,6 +55,10 @@ bool acts_by(int signo, void (*handler)(int))
     return sigaction(signo, nullptr, &now) == 0 && now.sa_handler == handler;
 }
 
+/// Runs once, before the next action is set.
+void (*before_next_action)() = nullptr;
+std::thread second_registration;
+
 void expect_location(const zt::Status& status, int line)
 {
     EXPECT_EQ(status.where, "signals(zt_signal):" + std::to_string(line));
@@ -61,6 +67,14 @@ void expect_location(const zt::Status& status, int line)
 }
 
 }  // namespace
+
+extern "C" int __real_sigaction(int, const struct sigaction*, struct sigaction*);
+
+extern "C" int __wrap_sigaction(int signo, const struct sigaction* action, struct sigaction* old)
+{
+    if (action != nullptr && before_next_action != nullptr) std::exchange(before_next_action, nullptr)();
+    return __real_sigaction(signo, action, old);
+}
 
 TEST(Signals, HandlerGetsTheNumberOfEveryDelivery)
 {
@@ -157,6 +171,75 @@ TEST(Signals, IgnoringIsAHandlerToo)
     });
     EXPECT_EQ(child.said(), "0 1 ");
     EXPECT_EQ(child.exit_code(), 0);
+}
+
+TEST(Signals, SignalThatWasOnItsWayWhenIgnoringBeganCallsNothing)
+{
+    Child child([] {
+        install("SIGUSR1, REINSTALL");
+        struct sigaction on_its_way;
+        sigaction(SIGUSR1, nullptr, &on_its_way);
+        install("SIGUSR1", SIG_IGN);
+        on_its_way.sa_handler(SIGUSR1);
+        say("alive");
+    });
+    EXPECT_EQ(child.said(), "alive");
+    EXPECT_EQ(child.exit_code(), 0);
+}
+
+TEST(Signals, ThreadsThatRegisterAtTheSameTimeLeaveHandlerAndActionOfOneOfThem)
+{
+    // The other one gets as far as it can while the first is about to have its action set.
+    before_next_action = [] {
+        static std::atomic<pid_t> other{0};
+        static std::atomic<bool> done{false};
+        second_registration = std::thread([] {
+            other = forked::thread_id();
+            install("SIGUSR1, REINSTALL", SIG_IGN);
+            done = true;
+        });
+        EXPECT_TRUE(forked::comes_true([] { return done || (other != 0 && forked::sleeps(other)); }));
+    };
+    install("SIGUSR1, REINSTALL", count_only);
+    second_registration.join();
+    handled = 0;
+    raise(SIGUSR1);
+    EXPECT_EQ(handled, acts_by(SIGUSR1, SIG_IGN) ? 0 : 1);
+    set_action(SIGUSR1, SIG_DFL);
+}
+
+TEST(Signals, ActionsAreReadAndReplacedAsBySigaction)
+{
+    struct sigaction wanted = {};
+    wanted.sa_handler = count_only;
+    wanted.sa_flags = SA_RESTART;
+    struct sigaction found;
+    EXPECT_EQ(zt_signal_action(SIGUSR1, &wanted, &found), 0);
+    EXPECT_EQ(found.sa_handler, SIG_DFL);
+    EXPECT_TRUE(acts_by(SIGUSR1, count_only));
+    EXPECT_EQ(zt_signal_action(SIGUSR1, nullptr, &found), 0);
+    EXPECT_EQ(found.sa_handler, &count_only);
+    EXPECT_NE(found.sa_flags & SA_RESTART, 0);
+    errno = 0;
+    EXPECT_EQ(zt_signal_action(SIGKILL, &wanted, nullptr), -1);
+    EXPECT_EQ(errno, EINVAL);
+    set_action(SIGUSR1, SIG_DFL);
+}
+
+TEST(Signals, ActionOfTheInterruptIsTheApplicationsUnderAnArmedLatch)
+{
+    set_action(SIGINT, count_only);
+    zt_sys_arm_interrupt();
+    struct sigaction found;
+    EXPECT_EQ(zt_signal_action(SIGINT, nullptr, &found), 0);
+    EXPECT_EQ(found.sa_handler, &count_only);
+    struct sigaction wanted = {};
+    wanted.sa_handler = record_otherwise;
+    EXPECT_EQ(zt_signal_action(SIGINT, &wanted, nullptr), 0);
+    EXPECT_FALSE(acts_by(SIGINT, record_otherwise)) << "the latch stands";
+    zt_sys_disarm_interrupt();
+    EXPECT_TRUE(acts_by(SIGINT, record_otherwise));
+    set_action(SIGINT, SIG_DFL);
 }
 
 TEST(Signals, InterruptHandlerIsInstalledThroughAnArmedLatch)

@@ -107,6 +107,20 @@ inline bool blocks(pid_t thread, int signo)
     return has_signal(signal_bits(thread, "SigBlk:"), signo);
 }
 
+/// True while the thread waits for something.
+inline bool sleeps(pid_t thread)
+{
+    char path[64];
+    snprintf(path, sizeof path, "/proc/self/task/%d/stat", thread);
+    char text[512] = {};
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const ssize_t got = read(fd, text, sizeof text - 1);
+    close(fd);
+    const char* const name_end = got > 0 ? strrchr(text, ')') : nullptr;
+    return name_end != nullptr && strncmp(name_end, ") S", 3) == 0;
+}
+
 /// True when the thread has stopped for good: only a parked one holds back a signal that nothing else does.
 inline bool is_parked(pid_t thread)
 {

@@ -1,9 +1,11 @@
+#include <pthread.h>
 #include <string.h>
 #include <zt/runtime/errno_guard.h>
 #include <zt/runtime/failure.h>
 #include <zt/runtime/interrupt.h>
 #include <zt/runtime/options.h>
 #include <zt/runtime/signals.h>
+#include <zt/runtime/transition_lock.h>
 
 #include <algorithm>
 #include <atomic>
@@ -58,12 +60,19 @@ bool is_real_time(int signo)
 
 constinit std::atomic<Handler> handlers[NSIG] = {};
 
-// Stands between the signal and the handler, so that the code below never sees errno change.
+// Stands between the signal and the handler, so that the code below never sees errno change. While a handler
+// gives way to SIG_IGN a last signal may come here: it is ignored already.
 void deliver(int signo)
 {
     const zt::ErrnoGuard keep;
-    if (const Handler handler = handlers[signo]) handler(signo);
+    const Handler handler = handlers[signo];
+    if (handler != nullptr && handler != SIG_IGN) handler(signo);
 }
+
+// Keeps a signal's handler and its action those of one registration when threads register at the same time.
+constinit zt::TransitionLock registration;
+
+[[maybe_unused]] const int fork_handler = pthread_atfork(nullptr, nullptr, [] { registration.leave(); });
 
 struct Wanted {
     bool signals[NSIG] = {};
@@ -174,7 +183,9 @@ uint32_t zt_signal(void (*handler)(int), const char* name, const char* module, c
     const std::string_view unknown = parse(specification ? specification : "", wanted);
     if (!unknown.empty()) return fail_unknown_word(*status, unknown);
     if (!wanted.any) return zt::fail_null_argument(*status, at_null_specification, "specification");
+    const bool entered = registration.enter();
     const int refused = install_all(wanted, handler);
+    if (entered) registration.leave();
     return refused == 0 ? 0 : fail_refused(*status, refused, name, module, errno);
 }
 

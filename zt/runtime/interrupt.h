@@ -13,9 +13,11 @@
 ///   action that somebody else installed during the stretch is kept instead.
 /// - A stretch costs two `sigaction` calls (a third when somebody else's action has to be put back).
 ///
-/// Threads and signals: every operation may be called from any thread at any time. Nothing here waits for a
-/// thread that a signal has interrupted: arming and disarming from a handler that interrupted this thread's
-/// own arming, or from the exit functions of a fatal signal, do nothing, in pairs.
+/// Threads and signals: every operation may be called from any thread at any time. Arming and disarming take
+/// turns for the length of their few system calls. From a handler that interrupted this thread's own turn, or
+/// from the exit functions of a fatal signal, they wait for nobody and do nothing, in pairs. Another thread's
+/// turn is waited for, and with it a handler that has interrupted that thread in it: so a handler should not
+/// wait for a thread that may arm or disarm.
 ///
 /// Forked children: a child starts with the armings of the thread that forked, and without a remembered
 /// interrupt. Where that thread had none, the application's action is back in the child. Children made

@@ -7,13 +7,16 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <time.h>
+#include <zt/runtime/errno_guard.h>
 
 #include <atomic>
 
 namespace zt {
 
-/// Spins, giving the processor away: nobody holds it longer than a few system calls. Async-signal-safe,
-/// constant-initialised, never destroyed.
+/// Spins, giving the processor away: nobody holds it longer than a few system calls. A waiter whose priority
+/// lets the owner nothing that way soon sleeps a moment each time. Async-signal-safe, constant-initialised,
+/// never destroyed. errno is kept.
 class TransitionLock {
   public:
     /// Waits for the lock and takes it.
@@ -22,9 +25,9 @@ class TransitionLock {
     {
         const pthread_t self = pthread_self();
         pthread_t owner{};
-        while (!owner_.compare_exchange_weak(owner, self)) {
+        for (int rounds = 0; !owner_.compare_exchange_weak(owner, self);) {
             if (owner == self) return false;
-            if (owner != pthread_t{}) sched_yield();
+            if (owner != pthread_t{}) give_way(rounds++);
             owner = pthread_t{};
         }
         return true;
@@ -34,6 +37,15 @@ class TransitionLock {
     void leave() noexcept { owner_.store(pthread_t{}); }
 
   private:
+    static constexpr int rounds_of_yielding = 100;
+
+    static void give_way(int rounds) noexcept
+    {
+        const ErrnoGuard keep;
+        const timespec a_moment = {0, 100000};
+        rounds < rounds_of_yielding ? sched_yield() : nanosleep(&a_moment, nullptr);
+    }
+
     std::atomic<pthread_t> owner_{};
 };
 

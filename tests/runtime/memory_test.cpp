@@ -255,12 +255,17 @@ TEST_F(Memory, ResizingWithAnotherClassIsRefusedAndTraced)
 {
     char* block = take(1, 10);
     std::memset(block, 'x', 10);
-    {
+    for (const int other : {table_class, -1, static_cast<int>(ZT_MEM_CLASSES)}) {
+        const std::string said =
+            "of class 2 was given back as class " + std::to_string(other) + " at caller.cpp:78";
         CapturedStderr captured;
         errno = 0;
-        EXPECT_EQ(resized(block, 20, table_class), nullptr);
+        EXPECT_EQ(zt_mem_irealloc(other, block, 20, 0, "caller.cpp", 78), nullptr);
         EXPECT_EQ(errno, EINVAL);
         EXPECT_NE(captured.text().find("zt_mem_irealloc"), std::string::npos);
+        EXPECT_NE(captured.text().find(said), std::string::npos) << captured.text();
+        EXPECT_EQ(zt_mem_irecalloc(other, block, 20, 1, 10, 0, "caller.cpp", 78), nullptr);
+        EXPECT_NE(captured.text().find("zt_mem_irecalloc"), std::string::npos);
     }
     EXPECT_TRUE(all(block, 0, 10, 'x'));
     give_back(block);

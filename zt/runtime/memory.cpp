@@ -112,12 +112,8 @@ Room make_room(Header* old, std::size_t needed)
 /// Resizes a block, or takes one when there is no old one. Bytes beyond the old size are not defined.
 void* resize(int memory_class, void* old, std::size_t size, const char* routine, const char* file, int line)
 {
-    if (!is_class(memory_class)) return fail(EINVAL);
-    Header* header = nullptr;
-    if (old) {
-        header = owned(memory_class, old, routine, file, line);
-        if (!header) return fail(EINVAL);
-    }
+    Header* const header = old ? owned(memory_class, old, routine, file, line) : nullptr;
+    if (old ? !header : !is_class(memory_class)) return fail(EINVAL);
     if (size > largest_block) return fail(ENOMEM);
 
     const int error = errno;

@@ -133,6 +133,14 @@ TEST_F(Trace, ALineTooLongIsCutButEndsWithANewline)
     EXPECT_EQ(captured.text(), std::string(ZT_TRACE_LINE - 1, 'x') + '\n');
 }
 
+TEST_F(Trace, ALineThatCannotBeFormattedIsItsFormat)
+{
+    CapturedStderr captured;
+    constexpr wint_t not_in_this_locale = 0x263a;
+    EXPECT_EQ(zt_trace_msg("   %s: %lc", "zt_pipe_read", not_in_this_locale), 11);
+    EXPECT_EQ(captured.text(), "   %s: %lc\n");
+}
+
 TEST_F(Trace, TheLongestProgramTextFits)
 {
     const std::string program(1024, 'p'), options(256, 'o');

@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <zt/runtime/environment.h>
 #include <zt/runtime/errno_guard.h>
+#include <zt/runtime/text.h>
 #include <zt/runtime/trace.h>
 
 #include <algorithm>
@@ -150,9 +151,12 @@ extern "C" int zt_trace_msg(const char* format, ...)
     va_start(values, format);
     const int wanted = vsnprintf(line, sizeof line, format, values);
     va_end(values);
-    if (wanted < 0) return -1;
+    // Beyond INT_MAX characters the library makes no line; the format at least tells which it would have
+    // been.
+    const std::size_t whole =
+        wanted < 0 ? std::strlen(zt_strncpy(line, format, sizeof line)) : static_cast<std::size_t>(wanted);
 
-    const int length = std::min(wanted, ZT_TRACE_LINE - 1);
+    const auto length = static_cast<int>(std::min<std::size_t>(whole, ZT_TRACE_LINE - 1));
     line[length] = '\n';
     Destination destination;
     return destination.write_lines(line, static_cast<std::size_t>(length) + 1) ? length + 1 : -1;

@@ -35,9 +35,9 @@ extern "C" {
 
 /// Writes one trace line: the text, nothing before it, and a newline after it.
 /// @param format printf-like, must not be null; the values follow. A line with more than ZT_TRACE_LINE - 1
-///        characters is cut there and still ends with a newline.
-/// @return the characters written, newline included; negative when the line could not be formatted or
-///         written.
+///        characters is cut there and still ends with a newline. In place of a line that the C library
+///        cannot make (of more than INT_MAX characters, say) the format itself is written.
+/// @return the characters written, newline included; negative when `format` is null or writing failed.
 ZT_API int zt_trace_msg(const char* format, ...) ZT_PRINTF(1, 2);
 
 /// Dumps data: 16 bytes a line, each line six blanks, the offset (eight hexadecimal digits), the bytes in

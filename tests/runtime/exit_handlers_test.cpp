@@ -350,6 +350,20 @@ TEST(ExitHandlers, InSignalIsToldOnTheThreadThatRunsThemAndOnlyThere)
     EXPECT_EQ(by_exit.said(), "function:0 ");
 }
 
+TEST(ExitHandlers, OtherThreadsAreToldThatTheExitHasBegun)
+{
+    const auto ask = [](int) {
+        say("here:", zt_exit_elsewhere());
+        std::thread([] { say("elsewhere:", zt_exit_elsewhere()); }).join();
+    };
+    Child child([=] {
+        ask(0);
+        register_function(ask);
+    });
+    EXPECT_EQ(child.said(), "here:0 elsewhere:0 here:0 elsewhere:1 ");
+    EXPECT_EQ(child.exit_code(), 0);
+}
+
 TEST(ExitHandlers, SignalWhileExitRunsThemRunsTheRestAndEndsTheProcess)
 {
     Child child([] {

@@ -247,16 +247,7 @@ TEST_F(LaunchShell, TakesTheTablesLockEvenWithoutAnEnvironment)
         launch("true");
         done = true;
     });
-    const auto sleeps = [&] {
-        std::string state(64, '\0');
-        snprintf(state.data(), state.size(), "/proc/self/task/%d/stat", launcher.load());
-        FILE* const file = launcher != 0 ? fopen(state.c_str(), "r") : nullptr;
-        char letter = 0;
-        const int got = file != nullptr ? fscanf(file, "%*d (%*[^)]) %c", &letter) : 0;
-        if (file != nullptr) fclose(file);
-        return got == 1 && letter == 'S';
-    };
-    EXPECT_TRUE(wait_until([&] { return done || sleeps(); }));
+    EXPECT_TRUE(wait_until([&] { return done || (launcher != 0 && forked::sleeps(launcher)); }));
     EXPECT_EQ(faults::calls(Function::popen), 0);
     Zt_pipe_mtx.unlock();
     thread.join();

@@ -28,6 +28,7 @@ std::atomic<pid_t> planner{0};
 std::atomic<int> counts[static_cast<int>(Function::count_)];
 /// Children started by posix_spawnp.
 std::atomic<int> spawned{0};
+std::atomic<pid_t> started_last{0};
 /// The stream that a faked transfer has broken: what its own error mark would say.
 std::atomic<FILE*> broken_stream{nullptr};
 
@@ -164,6 +165,7 @@ Plan::Plan(std::initializer_list<Fault> faults)
     planned_count = static_cast<int>(faults.size());
     planner = getpid();
     broken_stream = nullptr;
+    started_last = 0;
     *fired_count() = 0;
     reset_counts();
     armed = true;
@@ -182,6 +184,11 @@ bool Plan::fired() const
 int calls(Function function)
 {
     return counts[static_cast<int>(function)];
+}
+
+pid_t last_child()
+{
+    return started_last;
 }
 
 }  // namespace faults
@@ -217,6 +224,7 @@ pid_t __wrap_fork(void)
 {
     coverage::count_fork();
     const pid_t pid = faults::call(Function::fork, pid_t{-1}, [] { return __real_fork(); });
+    if (pid > 0) faults::started_last = pid;
     if (pid == 0) {
         faults::reset_counts();
         coverage::forget();
@@ -230,7 +238,10 @@ int __wrap_posix_spawnp(pid_t* pid, const char* file, const posix_spawn_file_act
     if (const faults::Fault* fault = faults::consult(Function::posix_spawnp)) return fault->error;
     if (const int error = faults::reason_not_to_spawn()) return error;
     const int error = __real_posix_spawnp(pid, file, actions, attributes, argv, envp);
-    if (error == 0) ++faults::spawned;
+    if (error == 0) {
+        ++faults::spawned;
+        faults::started_last = *pid;
+    }
     return error;
 }
 

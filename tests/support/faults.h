@@ -23,6 +23,8 @@
 #ifndef ZT_TESTS_SUPPORT_FAULTS_H
 #define ZT_TESTS_SUPPORT_FAULTS_H
 
+#include <sys/types.h>
+
 #include <initializer_list>
 #include <optional>
 
@@ -89,6 +91,9 @@ class Plan {
 
 /// Calls in this process since the last plan was made, while it lived.
 int calls(Function function);
+
+/// The child that fork or posix_spawnp started last since the last plan was made; 0 for none.
+pid_t last_child();
 
 }  // namespace faults
 

@@ -278,6 +278,19 @@ TEST(Faults, KeepPosixSpawnFromWhatIsPlannedForAFork)
     EXPECT_EQ(in_child([] { return dup2(1, 1) == -1 ? 0 : 1; }), 0);
 }
 
+TEST(Faults, KnowTheChildThatWasStartedLast)
+{
+    Plan plan{};
+    EXPECT_EQ(faults::last_child(), 0);
+    const pid_t forked = fork();
+    if (forked == 0) _exit(0);
+    EXPECT_EQ(faults::last_child(), forked);
+    waitpid(forked, nullptr, 0);
+    EXPECT_EQ(spawn_true(), 0);
+    EXPECT_NE(faults::last_child(), forked);
+    EXPECT_EQ(kill(faults::last_child(), 0), -1) << "waited for";
+}
+
 TEST(Faults, RaiseASignalPlannedForAForkInPosixSpawn)
 {
     signal(SIGINT, [](int signo) { last_signal = signo; });

@@ -4,12 +4,10 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <type_traits>
@@ -27,19 +25,10 @@ namespace {
 const char* childs_file = nullptr;
 bool to_stderr = false;
 
-/// The number of the last forked child, as that child itself says, on a page that all processes share.
-std::atomic<pid_t>& last_forked()
-{
-    static void* const page =
-        mmap(nullptr, sizeof(std::atomic<pid_t>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    return *static_cast<std::atomic<pid_t>*>(page);
-}
-
 // dup3 and not dup2: the fault layer counts the latter.
 void turn_aside_in_child()
 {
     if (childs_file == nullptr) return;
-    last_forked() = getpid();
     if (!to_stderr) {
         setenv("ZT_TRACE_FILE", childs_file, 1);
         return;
@@ -56,7 +45,6 @@ class ChildsTrace : public TemporaryFile {
     {
         childs_file = path().c_str();
         to_stderr = on_stderr;
-        last_forked() = 0;
     }
     ~ChildsTrace() { childs_file = nullptr; }
 };
@@ -115,7 +103,7 @@ Lines play_into(const Operation& operation, const Scenario& scenario, const Sett
     act(operation, scenario, setting, stage);
     known.look();
     close_everything(operation);
-    known.look_at_child(last_forked());
+    known.look_at_child(faults::last_child());
     known.end_children();
 
     Lines lines;

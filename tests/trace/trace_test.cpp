@@ -6,7 +6,9 @@
 #include <filesystem>
 #include <ostream>
 #include <set>
+#include <tuple>
 
+#include "tests/support/parent_size.h"
 #include "tests/trace/golden.h"
 #include "tests/trace/render.h"
 
@@ -21,6 +23,9 @@ void PrintTo(const Named& operation, std::ostream* out)
 {
     *out << operation.name;
 }
+
+/// An operation, and Zt_pipe_large_parent.
+using NamedAndLimit = std::tuple<Named, long>;
 
 constexpr Named operations[] = {
     {"first_open", trace::first_open},
@@ -40,20 +45,27 @@ constexpr Named operations[] = {
     {"sigpipe", trace::sigpipe},
 };
 
-class TraceOf : public testing::TestWithParam<Named> {
+std::string test_name(const testing::TestParamInfo<NamedAndLimit>& info)
+{
+    return std::get<Named>(info.param).name;
+}
+
+class TraceOf : public testing::TestWithParam<NamedAndLimit> {
   protected:
     // The programs are named without their directory, so the lines are the same wherever the tests are built.
     void SetUp() override
     {
         ASSERT_EQ(chdir(ZT_TEST_CHILDREN_DIR), 0);
         unsetenv("ZT_PIPE_DEBUG");
+        Zt_pipe_large_parent = std::get<long>(GetParam());
     }
 };
 
 TEST_P(TraceOf, isLineByLineAsInItsGoldenFileInAFileAndOnStandardError)
 {
-    const std::string name = GetParam().name;
-    const std::string text = trace::render(GetParam().make());
+    const Named& operation = std::get<Named>(GetParam());
+    const std::string name = operation.name;
+    const std::string text = trace::render(operation.make());
     if (golden::is_to_be_updated()) {
         golden::update(name, text);
         GTEST_SKIP() << golden::path(name) << " is written anew; read the difference before keeping it";
@@ -64,8 +76,12 @@ TEST_P(TraceOf, isLineByLineAsInItsGoldenFileInAFileAndOnStandardError)
                                     << "Run the test with ZT_UPDATE_GOLDEN=1 to have the file written anew.";
 }
 
-INSTANTIATE_TEST_SUITE_P(Every, TraceOf, testing::ValuesIn(operations),
-                         [](const auto& each) { return std::string(each.param.name); });
+INSTANTIATE_TEST_SUITE_P(InASmallParent, TraceOf,
+                         testing::Combine(testing::ValuesIn(operations), testing::Values(never_large)),
+                         test_name);
+INSTANTIATE_TEST_SUITE_P(InALargeParent, TraceOf,
+                         testing::Combine(testing::ValuesIn(operations), testing::Values(always_large)),
+                         test_name);
 
 TEST(GoldenFiles, areThoseOfTheOperations)
 {

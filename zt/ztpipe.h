@@ -225,6 +225,9 @@ extern ZT_API std::uint32_t Zt_pipe_debug_initialized;
 /// this call too, with -1 and the code (10135, 10136) in its own copy of the record; an application that
 /// must not run on twice compares `getpid()`.
 ///
+/// With `envp` a COMMAND open makes it the process's own environment for the moment of the launch, because
+/// popen takes none: a getenv or setenv of another thread meanwhile would meet it.
+///
 /// A process with more than 64 MiB resident starts PROGRAM children by posix_spawn where that has the very
 /// same outcome, because fork would take longer the larger the process is. What differs: the handlers of
 /// pthread_atfork do not run, and the C library's own signals 32 and 33 start ignored, as in a shell

@@ -22,8 +22,9 @@ extern "C" {
 /// @endcode
 ZT_API const char* zt_getenv(const char* name);
 
-/// @return the process's own environment, also while another one is lent to it; null when it has none (also
-///         while that process without any is lent one).
+/// The environment that the process has of itself.
+///
+/// @return the vector, also while another one is lent to the process; null when it has none of its own.
 ///
 /// Async-signal-safe. Threads may ask while another one lends and takes back.
 ///
@@ -38,7 +39,9 @@ ZT_API char** zt_own_environ(void);
 /// @return the process's own environment, for zt_environ_take_back(); null when it had none.
 ///
 /// A child forked meanwhile has the process's own. One loan at a time: the caller holds a lock from here to
-/// the return. Leaves `errno` as it was.
+/// the return. Other threads may not change the environment meanwhile, and those that read it by `environ` or
+/// getenv find the lent one; zt_getenv() and zt_own_environ() do not. Not for signal handlers. Leaves `errno`
+/// as it was.
 ///
 /// @code
 /// char** own = zt_environ_lend(envp);
@@ -50,7 +53,10 @@ ZT_API char** zt_environ_lend(const char* const* envp);
 /// Ends the loan.
 ///
 /// @param own what zt_environ_lend() returned. With null, for a process that had no environment, the lent one
-///        stays installed and is its own from now on.
+///        stays installed and is its own from now on, and must not be freed.
+///
+/// For the thread that began the loan, still with its lock; not for signal handlers. Leaves `errno` as it
+/// was. For an example see zt_environ_lend().
 ZT_API void zt_environ_take_back(char** own);
 
 /// Makes the environment vector for a child.

@@ -42,7 +42,7 @@ extern "C" {
 /// Starts remembering a user interrupt instead of letting it end the process.
 ///
 /// The arming that begins a stretch forgets what an earlier stretch has seen. Each arming needs its
-/// disarming.
+/// disarming, on the same thread. For safety and an example of all three see the top of this file.
 ZT_API void zt_sys_arm_interrupt(void);
 
 /// Tells whether an interrupt arrived since the stretch began, or since it was last cleared.
@@ -73,7 +73,7 @@ ZT_API void zt_sys_disarm_interrupt(void);
 ///
 /// @code
 /// struct sigaction now;
-/// if (zt_sys_interrupt_action(nullptr, &now) == 0 && now.sa_handler == SIG_IGN) { /* Ctrl-C is off */ }
+/// const bool off = zt_sys_interrupt_action(nullptr, &now) == 0 && now.sa_handler == SIG_IGN;
 /// @endcode
 ZT_API int zt_sys_interrupt_action(const struct sigaction* replacement, struct sigaction* old);
 }

@@ -48,9 +48,8 @@ ZT_API int zt_trace_msg(const char* format, ...) ZT_PRINTF(1, 2);
 /// @param zero   reserved, 0; ignored.
 /// @param data   the bytes; null is allowed only with length 0.
 /// @param length their number; 0 writes nothing.
-/// @return the characters written, INT_MAX when there are more; negative for a negative length or null data
-/// (nothing is written), or
-///         when writing failed.
+/// @return the characters written, INT_MAX when there are more; negative when writing failed, or, with
+///         nothing written, for a negative length or null data.
 ZT_API int zt_trace_buffer(int zero, const void* data, int length);
 
 }  // extern "C"

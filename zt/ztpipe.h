@@ -175,8 +175,8 @@ extern ZT_API std::uint32_t Zt_pipe_debug_initialized;
 /// Starts a child and returns a handle to talk with it.
 ///
 /// @param program  Program with its arguments (PROGRAM) or shell command (COMMAND); 1 to 1024 characters,
-///                 not null. With `argv` it only names the child in messages, but must be given all the
-///                 same.
+///                 not null. Blanks alone are no PROGRAM (10134). With `argv` it only names the child in
+///                 messages, but must be given all the same.
 /// @param options  Keywords of the table below, separated by blanks and/or commas, at most 256 characters;
 ///                 not null, "" for none. Case does not matter; a value follows `=` and may be quoted.
 /// @param argv     Word vector ended by a null pointer, with at least one word; or null: `program` is

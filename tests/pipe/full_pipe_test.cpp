@@ -58,15 +58,6 @@ class Counted {
     struct sigaction alarm_before_, interrupt_before_;
 };
 
-bool sleeps(pid_t thread)
-{
-    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
-    std::string text;
-    std::getline(stat, text);
-    const auto after_name = text.rfind(") ");
-    return after_name != std::string::npos && text[after_name + 2] == 'S';
-}
-
 /// A command that reads nothing before it is told to, with as much written to it as goes in: one more write
 /// waits, and so does a close.
 class FullPipe : public NothingLeftTest {
@@ -85,6 +76,7 @@ class FullPipe : public NothingLeftTest {
     int write()
     {
         record::poison(status);
+        chunk_[0] = static_cast<char>('a' + writes_++ % 26);
         const int written = zt_pipe_write(handle_, chunk_.data(), static_cast<int>(chunk_.size()), &status);
         if (written > 0) accepted_ += chunk_;
         return written;
@@ -99,7 +91,7 @@ class FullPipe : public NothingLeftTest {
         const pthread_t self = pthread_self();
         const pid_t id = forked::thread_id();
         std::thread other([=, this] {
-            EXPECT_TRUE(wait_until([=, this] { return returned_ || sleeps(id); }));
+            EXPECT_TRUE(wait_until([=, this] { return returned_ || forked::sleeps(id); }));
             disturb(self);
         });
         action();
@@ -141,22 +133,21 @@ class FullPipe : public NothingLeftTest {
 
     zt::Status status;
     int handle_ = -1;
+    TemporaryFile output_;
+    std::string accepted_;
     std::atomic<bool> returned_{false};
 
   private:
     void fill()
     {
         pollfd end{fileno(stream()), POLLOUT, 0};
-        for (int i = 0; poll(&end, 1, 0) > 0 || __fpending(stream()) + chunk_.size() <= __fbufsize(stream());
-             ++i) {
-            chunk_[0] = static_cast<char>('a' + i % 26);
+        while (poll(&end, 1, 0) > 0 || __fpending(stream()) + chunk_.size() <= __fbufsize(stream()))
             ASSERT_EQ(write(), static_cast<int>(chunk_.size()));
-        }
     }
 
-    TemporaryFile go_, output_;
+    TemporaryFile go_;
     std::string chunk_ = std::string(3000, '.');
-    std::string accepted_;
+    int writes_ = 0;
 };
 
 TEST_F(FullPipe, LetsAWriteWaitThroughSignalsWhoseHandlersRestartIt)
@@ -191,6 +182,28 @@ TEST_F(FullPipe, IsWaitedForByACloseWhateverSignalsCome)
     signal_and_let_it_read([this] { expect_all_accepted_to_arrive(); });
 }
 
+// One thread at a time is what the header asks for: two lose nothing all the same.
+TEST_F(FullPipe, GetsOnceWhatTwoThreadsWrite)
+{
+    std::atomic<pid_t> other_id{0};
+    std::thread other([&] {
+        const std::string bytes(3000, 'O');
+        zt::Status other_status;
+        other_id = forked::thread_id();
+        EXPECT_EQ(zt_pipe_write(handle_, bytes.data(), 3000, &other_status), 3000);
+    });
+    const auto disturb = [&](pthread_t) {
+        EXPECT_TRUE(wait_until([&] { return other_id != 0 && forked::sleeps(other_id); }));
+        let_it_read();
+    };
+    meanwhile(disturb, [this] { EXPECT_EQ(write(), 3000); });
+    other.join();
+    EXPECT_EQ(pipes::close(handle_), 0u);
+    std::string text = output_.content();
+    EXPECT_EQ(std::erase(text, 'O'), 3000u);
+    EXPECT_TRUE(text == accepted_);
+}
+
 // ------------------------------------------------------------------------------------- writing out in parts
 
 class WritingOut : public NothingLeftTest {
@@ -213,6 +226,17 @@ TEST_F(WritingOut, GoesOnAfterAPart)
 {
     {
         const faults::Plan plan{{.function = Function::write, .result = 2}};
+        EXPECT_EQ(write_more(), 4095);
+        EXPECT_EQ(faults::calls(Function::write), 2);
+    }
+    EXPECT_EQ(pipe.close(), 0);
+    EXPECT_EQ(file.content(), "abcdef" + more);
+}
+
+TEST_F(WritingOut, TriesAgainWhenNothingWasTaken)
+{
+    {
+        const faults::Plan plan{{.function = Function::write, .error = EINTR, .result = 0}};
         EXPECT_EQ(write_more(), 4095);
         EXPECT_EQ(faults::calls(Function::write), 2);
     }
@@ -255,6 +279,9 @@ TEST_F(WritingOut, IsLeftToTheStreamAsLongAsItsBufferHasRoom)
     EXPECT_EQ(__fpending(pipe->fh), 4096u);
     pipes::write(pipe, "!");
     EXPECT_EQ(faults::calls(Function::write), 1);
+    EXPECT_EQ(__fpending(pipe->fh), 1u);
+    pipes::write(pipe, std::string(4096, 'y'));
+    EXPECT_EQ(faults::calls(Function::write), 2);
     pipe.close();
 }
 

@@ -1,6 +1,7 @@
 #include "tests/support/faults.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
@@ -216,6 +217,7 @@ size_t __real_fwrite(const void*, size_t, size_t, FILE*);
 int __real_ferror(FILE*);
 int __real_feof(FILE*);
 void __real_clearerr(FILE*);
+int __real_poll(pollfd*, nfds_t, int);
 void* __real_malloc(size_t);
 void* __real_calloc(size_t, size_t);
 void* __real_realloc(void*, size_t);
@@ -345,6 +347,11 @@ void __wrap_clearerr(FILE* stream)
     faults::consult(Function::clearerr);
     faults::broken_stream = nullptr;
     __real_clearerr(stream);
+}
+
+int __wrap_poll(pollfd* ends, nfds_t count, int timeout)
+{
+    return faults::call(Function::poll, -1, [=] { return __real_poll(ends, count, timeout); });
 }
 
 void* __wrap_malloc(size_t size)

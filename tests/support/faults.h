@@ -50,6 +50,7 @@ enum class Function {
     ferror,
     feof,
     clearerr,
+    poll,
     malloc,
     calloc,
     realloc,

@@ -1,5 +1,6 @@
 #include "tests/support/coverage.h"
 
+#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -18,29 +19,38 @@ namespace {
 constexpr int counted_children = 4;
 
 std::atomic<int> forks{0};
-
-}  // namespace
+std::atomic<bool> is_counted{true};
 
 void count_fork()
 {
     ++forks;
 }
 
-void forget()
+void begin_child()
 {
+    is_counted = forks <= counted_children;
+    forks = 0;
     __gcov_reset();
 }
 
+// Before the library registers its own: what it does in the child at a fork is counted there.
+__attribute__((constructor(101))) void watch_forks()
+{
+    pthread_atfork(count_fork, nullptr, begin_child);
+}
+
+}  // namespace
+
 void save()
 {
-    if (forks > counted_children) return;
+    if (!is_counted) return;
     // A signal in between would find the counters locked, by this very thread.
     sigset_t all, before;
     sigfillset(&all);
-    sigprocmask(SIG_SETMASK, &all, &before);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
     __gcov_dump();
     __gcov_reset();
-    sigprocmask(SIG_SETMASK, &before, nullptr);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 }  // namespace coverage

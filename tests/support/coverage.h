@@ -7,18 +7,10 @@
 namespace coverage {
 
 #ifdef ZT_TEST_COVERAGE
-/// Before a fork.
-void count_fork();
-
-/// In a forked child: what its parent has counted is the parent's.
-void forget();
-
 /// Adds the counters to the files, and starts again from 0. Only in the first children of a process: writing
 /// takes long, and those that a test starts by the hundred run nothing new.
 void save();
 #else
-inline void count_fork() {}
-inline void forget() {}
 inline void save() {}
 #endif
 

@@ -224,13 +224,9 @@ void* __real_realloc(void*, size_t);
 
 pid_t __wrap_fork(void)
 {
-    coverage::count_fork();
     const pid_t pid = faults::call(Function::fork, pid_t{-1}, [] { return __real_fork(); });
     if (pid > 0) faults::started_last = pid;
-    if (pid == 0) {
-        faults::reset_counts();
-        coverage::forget();
-    }
+    if (pid == 0) faults::reset_counts();
     return pid;
 }
 

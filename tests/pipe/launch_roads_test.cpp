@@ -3,11 +3,17 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
+#include <zt/runtime/environment.h>
 #include <zt/ztpipe/internal.h>
 
+#include <atomic>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <thread>
 
 #include "tests/support/faults.h"
 #include "tests/support/leftovers.h"
@@ -133,6 +139,90 @@ TEST_F(Roads, AProgramIsSearchedWithThePathOfItsOwnEnvironment)
     const char* const as_here[] = {path.c_str(), nullptr};
     expect_same("true", "PROGRAM", nullptr, as_here);
     EXPECT_EQ(forks_, 0);
+}
+
+// A folder with a script of this name that says where it stands.
+class Folder {
+  public:
+    explicit Folder(const std::string& where)
+    {
+        EXPECT_NE(mkdtemp(path_.data()), nullptr);
+        std::ofstream(script()) << "#!/bin/sh\necho " + where + "\n";
+        chmod(script().c_str(), 0700);
+    }
+    ~Folder()
+    {
+        unlink(script().c_str());
+        rmdir(path_.c_str());
+    }
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+
+    std::string script() const { return path_ + "/" + name; }
+    std::string variable() const { return "PATH=" + path_; }
+    const std::string& path() const { return path_; }
+
+    static constexpr char name[] = "zt_test_script";
+
+  private:
+    std::string path_ = "/tmp/zt-folder-XXXXXX";
+};
+
+// The launcher's own steps, because an open would wait for the lock under which the loan lasts.
+TEST_F(Roads, TheProgramIsTheSameWhileAnotherThreadHasAnotherPathLent)
+{
+    const Folder own("own"), lent("lent");
+    const std::string usual_path = getenv("PATH");
+    setenv("PATH", (own.path() + ":" + usual_path).c_str(), 1);
+    std::atomic<bool> lasts{false}, done{false};
+    std::thread lender([&] {
+        const std::string variable = lent.variable();
+        const char* const envp[] = {variable.c_str(), nullptr};
+        Zt_pipe_mtx.lock();
+        char** const before = zt_environ_lend(envp);
+        lasts = true;
+        while (!done) std::this_thread::yield();
+        zt_environ_take_back(before);
+        Zt_pipe_mtx.unlock();
+    });
+    while (!lasts) std::this_thread::yield();
+    for (const Road road : {Road::fork, Road::spawn}) {
+        Zt_pipe_large_parent = road == Road::spawn ? 0 : LONG_MAX;
+        const faults::Plan only_counting{};
+        zt_pipe pipe{};
+        zt::Status status;
+        std::strcpy(pipe.program, Folder::name);
+        EXPECT_EQ(zt_pipe_fork(&pipe, nullptr, nullptr, &status), 0U);
+        EXPECT_EQ(faults::calls(faults::Function::fork), road == Road::fork ? 1 : 0);
+        char said[16] = {};
+        EXPECT_EQ(::read(pipe.read_fd, said, sizeof said - 1), 4);
+        EXPECT_STREQ(said, "own\n");
+        ::close(pipe.read_fd);
+        ::close(pipe.write_fd);
+        waitpid(pipe.pid, nullptr, 0);
+    }
+    done = true;
+    lender.join();
+    setenv("PATH", usual_path.c_str(), 1);
+}
+
+TEST_F(Roads, WhatTheSearchFindsButCannotRunIsPassedOver)
+{
+    const Folder locked("locked"), own("own");
+    const std::string usual_path = getenv("PATH");
+    setenv("PATH", ("/no/such/folder:" + locked.path() + ":" + own.path() + ":" + usual_path).c_str(), 1);
+    expect_same(Folder::name);
+    EXPECT_EQ(forks_, 0);
+    chmod(locked.script().c_str(), 0600);
+    expect_same(Folder::name);
+    EXPECT_EQ(forks_, 1);
+    setenv("PATH", (":" + usual_path).c_str(), 1);  // the working directory comes first
+    expect_same("true");
+    EXPECT_EQ(forks_, 1);
+    unsetenv("PATH");
+    expect_same("true");
+    EXPECT_EQ(forks_, 1);
+    setenv("PATH", usual_path.c_str(), 1);
 }
 
 TEST_F(Roads, WhatCannotBeStartedEndsWith127OnBothRoads)

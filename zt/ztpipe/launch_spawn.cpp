@@ -3,12 +3,14 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zt/runtime/environment.h>
 #include <zt/runtime/errno_guard.h>
 #include <zt/ztpipe/launch.h>
 #include <zt/ztpipe/launch_spawn.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
@@ -63,13 +65,30 @@ const char* search_path(const char* const* environment)
     return nullptr;
 }
 
-// A forked child searches with the path of its own environment, posix_spawnp with the parent's.
-bool finds_the_same_file(const zt_pipe& pipe, const char* const* envp)
+bool find_on(const char* path, const char* name, char (&file)[PATH_MAX])
 {
-    if (envp == nullptr || std::strchr(pipe.cmdline, '/') != nullptr) return true;
-    const char* const childs = search_path(envp);
-    const char* const parents = search_path(environ);
-    return childs != nullptr && parents != nullptr && std::strcmp(childs, parents) == 0;
+    for (const char* folder = path;;) {
+        const char* const end = strchrnul(folder, ':');
+        if (end == folder) return false;  // stands for the working directory
+        const int needed =
+            std::snprintf(file, sizeof file, "%.*s/%s", static_cast<int>(end - folder), folder, name);
+        struct stat found;
+        if (needed < PATH_MAX && stat(file, &found) == 0) return true;
+        if (*end == '\0') return false;
+        folder = end + 1;
+    }
+}
+
+// The file to run, always with a slash in it, so that posix_spawnp does not search: it would take the path
+// that another thread's shell launch may have lent the process at this moment. A path of the child's own is
+// left to the forked child, and so is the rest of the search where the first file found cannot be run.
+bool find_file(const char* name, const char* const* envp, char (&file)[PATH_MAX])
+{
+    if (std::strchr(name, '/') != nullptr) return std::snprintf(file, sizeof file, "%s", name) < PATH_MAX;
+    const char* const path = search_path(zt_own_environ());
+    const char* const childs = envp != nullptr ? search_path(envp) : path;
+    return path != nullptr && childs != nullptr && std::strcmp(path, childs) == 0 &&
+           find_on(path, name, file);
 }
 
 // The wiring of the child as the system is to do it, with the program's signal mask and SIGPIPE at its
@@ -105,10 +124,10 @@ class Plan {
                posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF) == 0;
     }
 
-    bool run(zt_pipe& pipe, char* const* words, char* const* environment)
+    bool run(zt_pipe& pipe, const char* file, char* const* words, char* const* environment)
     {
         pid_t pid;
-        if (posix_spawnp(&pid, pipe.cmdline, &actions_, &attributes_, words, environment) != 0) return false;
+        if (posix_spawnp(&pid, file, &actions_, &attributes_, words, environment) != 0) return false;
         pipe.pid = pid;
         return true;
     }
@@ -137,10 +156,13 @@ bool spawn_child(zt_pipe& pipe, const Wires& wires, char* const* words, const ch
 {
     const ErrnoGuard keep;
     if (traces_launch_detail()) return false;  // details are traced by the forked child
-    if (!is_large_parent() || !has_plain_descriptors(wires) || !finds_the_same_file(pipe, envp)) return false;
+    if (!is_large_parent() || !has_plain_descriptors(wires)) return false;
+    char file[PATH_MAX];
+    if (!find_file(pipe.cmdline, envp, file)) return false;
     char* const* const environment = envp != nullptr ? const_cast<char**>(envp) : zt_own_environ();
     Plan plan;
-    return plan.wire(wires, pipe.stderr_mode) && plan.set_signals(mask) && plan.run(pipe, words, environment);
+    return plan.wire(wires, pipe.stderr_mode) && plan.set_signals(mask) &&
+           plan.run(pipe, file, words, environment);
 }
 
 }  // namespace zt::pipe

@@ -4,9 +4,13 @@
 #include <unistd.h>
 #include <zt/runtime/memory.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "tests/support/faults.h"
 #include "tests/support/leftovers.h"
@@ -70,6 +74,17 @@ std::string target(int fd)
 {
     char text[256] = {};
     return readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), text, sizeof text - 1) > 0 ? text : "";
+}
+
+// The four descriptors of a launch, and which of them are open when the next one is about to be closed.
+int launched[4];
+std::vector<std::string> open_before_close;
+
+void look_what_is_open(int)
+{
+    std::string open;
+    for (const int fd : launched) open += fcntl(fd, F_GETFD) >= 0 ? 'o' : '-';
+    open_before_close.push_back(open);
 }
 
 }  // namespace
@@ -224,6 +239,23 @@ TEST_F(LaunchExec, ReportsAFailedForkAndClosesBothPipes)
     EXPECT_EQ(pipe.read_fd, 0);
     EXPECT_EQ(pipe.write_fd, 0);
     EXPECT_EQ(faults::calls(Function::close), 4);
+}
+
+TEST_F(LaunchExec, ClosesBothPipesAfterAFailedForkInTheOrderInWhichTheyWereMade)
+{
+    int first[2], second[2];  // the numbers that the launch gets too
+    ASSERT_TRUE(::pipe(first) == 0 && ::pipe(second) == 0);
+    std::copy_n(first, 2, launched);
+    std::copy_n(second, 2, launched + 2);
+    for (const int fd : launched) ::close(fd);
+    signal(SIGUSR1, look_what_is_open);
+    const faults::Plan plan{
+        {.function = Function::fork, .error = EAGAIN},
+        {.function = Function::close, .from_then_on = true, .raising = SIGUSR1},
+    };
+    EXPECT_EQ(launch("sort -r"), ZT_PIPE_E_FORK);
+    signal(SIGUSR1, SIG_DFL);
+    EXPECT_EQ(open_before_close, (std::vector<std::string>{"oooo", "-ooo", "--oo", "---o"}));
 }
 
 TEST_F(LaunchExec, ReportsTheChildsEndThatCannotBeClosedAlthoughTheChildRuns)

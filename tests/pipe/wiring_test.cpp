@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zt/ztpipe/wiring.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -208,6 +209,29 @@ TEST_F(Wiring, StartsAnIgnoringChildWithDescriptor2Closed)
     const int handle = pipes::open(child("prints_fds"), "PROGRAM STDERR=IGNORE");
     EXPECT_EQ(("\n" + pipes::read_all(handle)).find("\n2 "), std::string::npos);
     EXPECT_EQ(pipes::close(handle), 0u);
+}
+
+// No launch gets there by itself: the system gives the read end of a pipe the lower number.
+TEST_F(Wiring, LeavesAPipeEndAloneThatIsStandardOutputAlready)
+{
+    forked::Child process([] {
+        zt::pipe::Wires wires;
+        if (::pipe(wires.to_child) != 0 || ::pipe(wires.from_child) != 0) abort();
+        dup2(wires.from_child[1], STDOUT_FILENO);
+        ::close(wires.from_child[1]);
+        wires.from_child[1] = STDOUT_FILENO;
+        zt_pipe pipe{};
+        pipe.stderr_mode = combine;
+        zt::Status own;
+        zt::pipe::Report report{routine, own};
+        const faults::Plan only_counting{};
+        zt::pipe::wire_child(report, pipe, wires);
+        forked::say("code ", static_cast<int>(own.code));
+        forked::say("closes ", faults::calls(Function::close));
+        forked::say("dups ", faults::calls(Function::dup2));
+        forked::say(fcntl(STDOUT_FILENO, F_GETFD) >= 0 ? "open" : "closed");
+    });
+    EXPECT_EQ(process.said(), "code 0 closes 5 dups 2 open");
 }
 
 TEST_F(Wiring, LeavesAPipeEndAloneThatIsStandardInputAlready)

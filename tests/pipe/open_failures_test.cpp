@@ -156,6 +156,24 @@ TEST_F(OpenFailures, ConsumeTheInterruptSoThatTheNextOpenSucceeds)
     EXPECT_EQ(pipes::close(pipes::open("no child", "")), 0U);
 }
 
+TEST_F(OpenFailures, ByAnExitOfTheProcessSayThatItIsEnding)
+{
+    zt::Status status;
+    // As the exit does it in another thread.
+    signal(SIGUSR1, [](int) { Zt_pipes[1] = nullptr, --Zt_used_pipes; });
+    {
+        const char* const envp[] = {"A=1", nullptr};
+        Plan plan{{.function = Function::calloc, .nth = 2, .raising = SIGUSR1}};
+        EXPECT_EQ(ZT_PIPE_OPEN("no child", "", nullptr, envp, &status), -1);
+    }
+    signal(SIGUSR1, SIG_DFL);
+    EXPECT_EQ(status.code, ZT_PIPE_E_HANDLE);
+    EXPECT_STREQ(status.sys_msg, "the process is ending in another thread");
+    EXPECT_NE(std::string(status.what()).find(": the process is ending in another thread ["),
+              std::string::npos)
+        << status.what();
+}
+
 TEST_F(OpenFailures, LeaveNothingWhicheverAllocationFails)
 {
     const char* const envp[] = {"A=1", nullptr};

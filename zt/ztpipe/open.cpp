@@ -3,6 +3,7 @@
 #include <zt/runtime/environment.h>
 #include <zt/runtime/errors.h>
 #include <zt/runtime/open_files.h>
+#include <zt/runtime/text.h>
 #include <zt/ztpipe/capacity.h>
 #include <zt/ztpipe/open_options.h>
 #include <zt/ztpipe/operation.h>
@@ -112,6 +113,7 @@ void refuse_at_exit(Operation& op, int handle)
 {
     op.fail(at::process_ends);
     op.status.iparm[0] = handle;
+    zt_strncpy(op.status.sys_msg, "the process is ending in another thread", sizeof op.status.sys_msg);
 }
 
 // Another thread's exit may have taken the block out of the table before there was a child to end: then it is

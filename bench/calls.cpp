@@ -1,12 +1,13 @@
-// The cost of one call: small writes, a request with its reply, the interrupt latch by itself.
+// The cost of one call: small writes, a request with its reply, the interrupt latch and the trace calls by
+// themselves.
 #include <benchmark/benchmark.h>
 #include <sched.h>
 #include <signal.h>
 #include <unistd.h>
 #include <zt/runtime/interrupt.h>
-#include <zt/ztpipe.h>
 
 #include "bench/floor.h"
+#include "bench/library.h"
 #include "bench/rows.h"
 
 namespace bench {
@@ -51,13 +52,27 @@ void write_by_hand(benchmark::State& state, bool with_latch)
     finish(child);
 }
 
-void write_by_zt(benchmark::State& state)
+int open(const Library& zt, const char* name)
 {
     zt::Status status;
-    const int handle = ZT_PIPE_OPEN(child("swallows").c_str(), "PROGRAM", nullptr, nullptr, &status);
+    const int handle = zt.open(child(name).c_str(), "PROGRAM", nullptr, nullptr, &status, __FILE__, __LINE__);
+    if (handle < 0) give_up(status.what());
+    return handle;
+}
+
+void close(const Library& zt, int handle)
+{
+    zt::Status status;
+    zt.close(handle, "", &status, __FILE__, __LINE__);
+}
+
+void write_by_zt(benchmark::State& state, const Library& zt)
+{
+    const int handle = open(zt, "swallows");
+    zt::Status status;
     for (auto _ : state)
-        if (zt_pipe_write(handle, "x", 1, &status) != 1) give_up(status.what());
-    ZT_PIPE_CLOSE(handle, "", &status);
+        if (zt.write(handle, "x", 1, &status) != 1) give_up(status.what());
+    close(zt, handle);
 }
 
 void converse_by_hand(benchmark::State& state, bool with_latch)
@@ -74,17 +89,29 @@ void converse_by_hand(benchmark::State& state, bool with_latch)
     finish(child);
 }
 
-void converse_by_zt(benchmark::State& state)
+void converse_by_zt(benchmark::State& state, const Library& zt)
 {
     const OneProcessor here;
+    const int handle = open(zt, "echoes");
     zt::Status status;
-    const int handle = ZT_PIPE_OPEN(child("echoes").c_str(), "PROGRAM", nullptr, nullptr, &status);
     char reply[line_length];
     for (auto _ : state) {
-        if (zt_pipe_write(handle, line, line_length, &status) != line_length) give_up(status.what());
-        if (zt_pipe_read(handle, reply, line_length, "\n", &status) != line_length) give_up(status.what());
+        if (zt.write(handle, line, line_length, &status) != line_length) give_up(status.what());
+        if (zt.read(handle, reply, line_length, "\n", &status) != line_length) give_up(status.what());
     }
-    ZT_PIPE_CLOSE(handle, "", &status);
+    close(zt, handle);
+}
+
+void launch_by_zt(benchmark::State& state, const Library& zt)
+{
+    zt::Status status;
+    char block[128];
+    for (auto _ : state) {
+        const int handle = open(zt, "pours 100");
+        while (zt.read(handle, block, sizeof block, nullptr, &status) > 0) {
+        }
+        close(zt, handle);
+    }
 }
 
 void two_sigactions(benchmark::State& state)
@@ -110,9 +137,24 @@ void two_masks_and_a_look(benchmark::State& state)
 }
 
 template <class Function>
-void add(const char* name, Function function)
+void add(const std::string& name, Function function)
 {
-    benchmark::RegisterBenchmark(name, function)->UseRealTime();
+    benchmark::RegisterBenchmark(name.c_str(), function)->UseRealTime();
+}
+
+// Trace flags are off unless the environment says otherwise. The difference is small: one processor keeps the
+// figures together.
+void add_with_tracing_off(const std::string& contestant, const Library& zt)
+{
+    const auto add_row = [&](const std::string& what, void (*measure)(benchmark::State&, const Library&)) {
+        add("tracing off, " + what + "/" + contestant, [=](benchmark::State& state) {
+            const OneProcessor here;
+            measure(state, zt);
+        });
+    };
+    add_row("write of 1 byte", write_by_zt);
+    add_row("request and reply", converse_by_zt);
+    add_row("launch PROGRAM", launch_by_zt);
 }
 
 }  // namespace
@@ -121,11 +163,13 @@ void register_calls()
 {
     add("write of 1 byte/write", [](benchmark::State& state) { write_by_hand(state, false); });
     add("write of 1 byte/write + latch", [](benchmark::State& state) { write_by_hand(state, true); });
-    add("write of 1 byte/zt", write_by_zt);
+    add("write of 1 byte/zt", [](benchmark::State& state) { write_by_zt(state, linked); });
     add("request and reply/write + read", [](benchmark::State& state) { converse_by_hand(state, false); });
     add("request and reply/write + read + latch",
         [](benchmark::State& state) { converse_by_hand(state, true); });
-    add("request and reply/zt", converse_by_zt);
+    add("request and reply/zt", [](benchmark::State& state) { converse_by_zt(state, linked); });
+    add_with_tracing_off("without trace calls", load(ZT_BENCH_UNTRACED));
+    add_with_tracing_off("zt", load(ZT_BENCH_SHARED));
     add("latch/arm, poll, disarm", [](benchmark::State& state) {
         for (auto _ : state) latch();
     });

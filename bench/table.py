@@ -13,6 +13,7 @@ ROWS = [
     ("writes of 64 KiB", "write loop", 1 / 1.5),
     ("write of 1 byte", "write + latch", 1.1),
     ("request and reply", "write + read + latch", 1.02),
+    ("tracing off", "without trace calls", 1.02),
     ("open one of", "fork+exec", 1.05),
     ("close one of", "fork+exec", 1.05),
     ("latch", "two sigaction calls", None),

@@ -1,4 +1,5 @@
 // In which order the cleanup ends children that may hold each other's pipes open, and how long it waits.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -55,6 +56,12 @@ class CleanupOrder : public ::testing::Test {
         const faults::Plan plan{{.function = Function::pclose, .from_then_on = true, .raising = SIGUSR1}};
         zt_pipe_cleanup(0);
         return told_before_the_first_shell;
+    }
+
+    /// Ends what the cleanup was kept from ending.
+    void end_programs() const
+    {
+        for (const pid_t pid : programs_) kill(pid, SIGKILL);
     }
 
     static int waits() { return faults::calls(Function::poll); }
@@ -114,6 +121,15 @@ TEST_F(CleanupOrder, DoesNotWaitForAShellsOutputWhenTheOnlyProgramComesFirst)
     EXPECT_EQ(waits(), 0);
 }
 
+TEST_F(CleanupOrder, TellsProgramsToEndInTheirTurnWhenThereIsNoShell)
+{
+    open_program();
+    open_program();
+    clean_up();
+    EXPECT_EQ(faults::calls(Function::kill), 2);
+    EXPECT_EQ(waits(), 0);
+}
+
 TEST_F(CleanupOrder, DoesNotSignalAProgramThatHasBeenCollected)
 {
     pipes::open("cat >/dev/null", "COMMAND WRITE");
@@ -124,6 +140,21 @@ TEST_F(CleanupOrder, DoesNotSignalAProgramThatHasBeenCollected)
     ASSERT_NE(pipes::block(ended)->wait_status, -1);
     clean_up();
     EXPECT_EQ(faults::calls(Function::kill), 0);
+}
+
+TEST_F(CleanupOrder, ClosesTheEndsOfAProgramThatItTellsToEndAndNeverDescriptor0)
+{
+    pipes::open("cat >/dev/null", "COMMAND WRITE");
+    open_program();
+    zt_pipe* const program = pipes::block(2);
+    const int read_end = program->read_fd;
+    close(program->write_fd);
+    program->write_fd = 0;
+    close(STDIN_FILENO);
+    ASSERT_EQ(open("/dev/null", O_RDONLY), STDIN_FILENO);
+    clean_up();
+    EXPECT_EQ(fcntl(read_end, F_GETFD), -1);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), 0);
 }
 
 TEST_F(CleanupOrder, LeavesTheProgramsOfTheProcessThatForkedThisOne)
@@ -142,6 +173,21 @@ TEST_F(CleanupOrder, LeavesTheProgramsOfTheProcessThatForkedThisOne)
     EXPECT_EQ(word, 0);
     EXPECT_TRUE(orphans::lives(pipes::block(program)->pid));
     pipes::close(program);
+}
+
+TEST_F(CleanupOrder, DoesNotWaitForAShellOfTheProcessThatForkedThisOne)
+{
+    const int command = pipes::open("yes", "COMMAND");
+    const pid_t copy = fork();
+    if (copy == 0) {
+        open_program();
+        clean_up();
+        _exit(waits());
+    }
+    int word = -1;
+    EXPECT_EQ(waitpid(copy, &word, 0), copy);
+    EXPECT_EQ(word, 0);
+    pipes::close(command);
 }
 
 TEST_F(CleanupOrder, GoesThroughATableThatHasGrown)
@@ -166,6 +212,59 @@ TEST_F(CleanupOrder, GoesThroughATableThatHasGrown)
     EXPECT_EQ(Zt_pipes, nullptr);
     EXPECT_EQ(Zt_avail_pipes, 0);
     EXPECT_EQ(Zt_used_pipes, 1);
+}
+
+// -------------------------------------------------------------------------------- while other threads work
+
+/// As if another thread were in the middle of an operation on the pipe.
+zt_pipe& busy(int handle)
+{
+    zt_pipe& pipe = *pipes::block(handle);
+    pipe.busy = 1;
+    return pipe;
+}
+
+using CleanupOfBusyPipes = CleanupOrder;
+
+TEST_F(CleanupOfBusyPipes, TellsOnlyAProgramToEndThatIsRunning)
+{
+    busy(pipes::open("no child", ""));
+    busy(pipes::open("true", "COMMAND"));
+    busy(pipes::open("not started yet", "")).mode = ZT_PIPE_MODE_PROGRAM;
+    zt_pipe& collected = busy(pipes::open("no child", ""));
+    collected.mode = ZT_PIPE_MODE_PROGRAM;
+    collected.pid = 1;
+    collected.wait_status = 0;
+    open_program();
+    busy(5);
+    {
+        const faults::Plan plan{{.function = Function::kill, .from_then_on = true, .error = EPERM}};
+        zt_pipe_cleanup(0);
+    }
+    EXPECT_EQ(faults::calls(Function::kill), 1);
+    EXPECT_EQ(faults::calls(Function::pclose), 0);
+    EXPECT_EQ(Zt_pipes, nullptr);
+    end_programs();
+}
+
+int opened_meanwhile;
+pid_t program_opened_meanwhile;
+
+void open_one_more(int)
+{
+    opened_meanwhile = pipes::open_lasting();
+    program_opened_meanwhile = pipes::block(opened_meanwhile)->pid;
+}
+
+TEST_F(CleanupOfBusyPipes, TellsAProgramToEndThatWasOpenedWhereTheCleanupHadPassed)
+{
+    pipes::open("no child", "");
+    pipes::open("true", "COMMAND");
+    signal(SIGUSR1, open_one_more);
+    clean_up();
+    EXPECT_EQ(opened_meanwhile, 1);
+    EXPECT_EQ(orphans::ended_by(program_opened_meanwhile), SIGTERM);
+    EXPECT_EQ(Zt_pipes, nullptr);
 }
 
 }  // namespace

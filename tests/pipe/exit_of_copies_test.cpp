@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zt/runtime/memory.h>
+#include <zt/runtime/open_files.h>
 
 #include <cerrno>
 #include <climits>
@@ -130,17 +132,58 @@ TEST_F(ExitOfCopies, ClosesTheCopysEndsAndLeavesTheOwners)
 {
     const int handle = pipes::open("cat");
     const int read_end = pipes::block(handle)->read_fd, write_end = pipes::block(handle)->write_fd;
+    Zt_pipe_current = pipes::block(handle);  // another thread is working on it
     const pid_t copy = fork();
     if (copy == 0) {
         zt_pipe_cleanup(0);
-        _exit(fcntl(read_end, F_GETFD) < 0 && fcntl(write_end, F_GETFD) < 0 ? 0 : 1);
+        const bool closed = fcntl(read_end, F_GETFD) < 0 && fcntl(write_end, F_GETFD) < 0;
+        _exit(closed && Zt_pipe_current == nullptr ? 0 : 1);
     }
+    Zt_pipe_current = nullptr;
     int status = -1;
     EXPECT_EQ(waitpid(copy, &status, 0), copy);
     EXPECT_EQ(status, 0);
     pipes::write(handle, "still there\n");
     EXPECT_EQ(pipes::read_until(handle, "\n"), "still there\n");
     pipes::close(handle);
+}
+
+TEST_F(ExitOfCopies, DropsAStreamWithoutAnyDescriptorLeftOver)
+{
+    const TemporaryFile file;
+    const int handle = pipes::open("cat >" + file.path(), "COMMAND WRITE");
+    pipes::write(handle, "once\n");
+    const pid_t copy = fork();
+    if (copy == 0) {
+        close(STDIN_FILENO);  // the null device gets the lowest number
+        const int end = fileno(pipes::block(handle)->fh);
+        zt_pipe_cleanup(0);
+        _exit(fcntl(STDIN_FILENO, F_GETFD) < 0 && fcntl(end, F_GETFD) < 0 ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(copy, &status, 0), copy);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(pipes::close(handle), 0u);
+    EXPECT_EQ(file.content(), "once\n");
+}
+
+TEST_F(ExitOfCopies, GivesBackWhatThePipesTook)
+{
+    const long before = zt_heapsize_class(2);
+    const int handle = pipes::open("echo text", "COMMAND");
+    EXPECT_EQ(pipes::read_all(handle), "text\n");
+    const pid_t copy = fork();
+    if (copy == 0) {
+        zt_pipe_cleanup(0);
+        int entries = 0;
+        zt_ifile_list(
+            6, [](const zt_file_entry*, void* count) { ++*static_cast<int*>(count); }, &entries);
+        _exit(zt_heapsize_class(2) == before && entries == 0 ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(copy, &status, 0), copy);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(pipes::close(handle), 0u);
 }
 
 TEST_F(ExitOfCopies, InADaemonWhoseParentHasEndedCleanUpItsOwnLaterPipes)

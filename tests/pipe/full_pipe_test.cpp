@@ -182,6 +182,12 @@ TEST_F(FullPipe, IsWaitedForByACloseWhateverSignalsCome)
     signal_and_let_it_read([this] { expect_all_accepted_to_arrive(); });
 }
 
+TEST_F(FullPipe, IsWaitedForByTheCleanupAtExit)
+{
+    meanwhile([this](pthread_t) { let_it_read(); }, [] { zt_pipe_cleanup(0); });
+    EXPECT_TRUE(output_.content() == accepted_);
+}
+
 // One thread at a time is what the header asks for: two lose nothing all the same.
 TEST_F(FullPipe, GetsOnceWhatTwoThreadsWrite)
 {

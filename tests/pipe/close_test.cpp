@@ -2,12 +2,12 @@
 #include <zt/runtime/memory.h>
 #include <zt/runtime/open_files.h>
 #include <zt/runtime/options.h>
-#include <zt/ztpipe/operation.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 
+#include "tests/pipe/services.h"
 #include "tests/support/closing.h"
 #include "tests/support/faults.h"
 #include "tests/support/tracefile.h"
@@ -76,12 +76,19 @@ TEST_F(Close, RefusesOptionsThatAreMissingOrTooLong)
     EXPECT_EQ(close(handle, longest.c_str()), 0u);
 }
 
-// Neither the copy nor the table exists, so that the processor could do nothing but crash.
 TEST_F(Close, NeverCallsTheOptionProcessorForAnEmptyText)
 {
-    zt::pipe::Report report{routine, status};
-    EXPECT_TRUE(zt::pipe::process_options(report, {3342, 0}, "", nullptr, nullptr, 3));
-    EXPECT_FALSE(report.failed());
+    const int handle = pipes::open("no child", "");
+    services::process_options = [](char*, zt_option*, int, zt_option_error* error) {
+        *error = {4711, "refused"};
+        return -1;
+    };
+    EXPECT_EQ(close(handle, " "), 4711u);
+    EXPECT_EQ(fields(), record::failure(4711, at(routine, 3342), {{"sparm[0]", "refused"}}));
+    EXPECT_TRUE(is_open(handle));
+    EXPECT_EQ(close(handle, ""), 0u);
+    services::process_options = nullptr;
+    EXPECT_FALSE(is_open(handle));
 }
 
 TEST_F(Close, TakesItsOptionsInAnyCaseAndOrder)

@@ -107,19 +107,38 @@ void add_command(const char* contestant, RunCommand run)
         ->UseRealTime();
 }
 
-bool answers(const Child& child)
-{
-    char byte;
-    return write(child.to, "x", 1) == 1 && read(child.from, &byte, 1) == 1;
-}
+// What differs between the contestants of "children at once".
+struct ByHand {
+    using Handle = Child;
+    static Child open(const std::string& program) { return start(Starter::fork, program.c_str(), ""); }
+    static bool answers(const Child& child)
+    {
+        char byte;
+        return write(child.to, "x", 1) == 1 && read(child.from, &byte, 1) == 1;
+    }
+    static void close(const Child& child)
+    {
+        kill(child.pid, SIGTERM);
+        finish(child);
+    }
+};
 
-bool answers(int handle)
-{
-    zt::Status status;
-    char byte;
-    return zt_pipe_write(handle, "x", 1, &status) == 1 &&
-           zt_pipe_read(handle, &byte, 1, nullptr, &status) == 1;
-}
+struct ByZt {
+    using Handle = int;
+    static int open(const std::string& program)
+    {
+        const char* const words[] = {program.c_str(), "", nullptr};
+        return bench::open(program.c_str(), "PROGRAM", words);
+    }
+    static bool answers(int handle)
+    {
+        zt::Status status;
+        char byte;
+        return zt_pipe_write(handle, "x", 1, &status) == 1 &&
+               zt_pipe_read(handle, &byte, 1, nullptr, &status) == 1;
+    }
+    static void close(int handle) { bench::close(handle); }
+};
 
 template <class Step>
 double seconds(Step step)
@@ -129,76 +148,71 @@ double seconds(Step step)
     return std::chrono::duration<double>(Clock::now() - begin).count();
 }
 
-// What the opens and the closes of a round took, by hand and by zt.
+// What one of the children of a round took.
 struct Round {
-    double opening[2] = {}, closing[2] = {};
-    double bytes = 0;
+    double opening, closing, kib;
 };
 
-// So many children open at once, one by hand and one by zt in turn, so that both meet the same machine.
-// Memory that was freed before is given back first: every fork would copy its pages. Before the closes every
-// child has answered: what they measure is the end of programs, not the start.
-Round play_round(int pairs)
+// So many children open at once. Memory that was freed before is given back first: every fork would copy its
+// pages. Before the closes every child has answered: what they measure is the end of programs, not the start.
+template <class Contestant>
+Round play(int count)
 {
     malloc_trim(0);
     const std::string program = child("echoes");
-    const char* const words[] = {program.c_str(), "", nullptr};
-    std::vector<Child> children(static_cast<std::size_t>(pairs));
-    std::vector<int> handles(children.size());
-    Round round;
+    std::vector<typename Contestant::Handle> handles;
+    handles.reserve(static_cast<std::size_t>(count));
     const int heap = zt_heapsize();
-    for (std::size_t i = 0; i < handles.size(); ++i) {
-        round.opening[0] += seconds([&] { children[i] = start(Starter::fork, words[0], words[1]); });
-        round.opening[1] += seconds([&] { handles[i] = open(words[0], "PROGRAM", words); });
-    }
-    round.bytes = zt_heapsize() - heap;
-    for (std::size_t i = 0; i < handles.size(); ++i)
-        if (!answers(children[i]) || !answers(handles[i])) give_up("a child does not answer");
-    for (std::size_t i = 0; i < handles.size(); ++i) {
-        round.closing[0] += seconds([&] {
-            kill(children[i].pid, SIGTERM);
-            finish(children[i]);
-        });
-        round.closing[1] += seconds([&] { close(handles[i]); });
-    }
-    return round;
+    Round round;
+    round.opening = seconds([&] {
+        for (int i = 0; i < count; ++i) handles.push_back(Contestant::open(program));
+    });
+    round.kib = (zt_heapsize() - heap) / 1024.0;
+    for (const auto& handle : handles)
+        if (!Contestant::answers(handle)) give_up("a child does not answer");
+    round.closing = seconds([&] {
+        for (const auto& handle : handles) Contestant::close(handle);
+    });
+    return {round.opening / count, round.closing / count, round.kib / count};
 }
 
-// Four benchmarks take their figures from the same rounds; one is played when it is first asked for.
+// The contestants' rounds, in turn, so that both meet the same machine. Four benchmarks take their figures
+// from them; a round is played when it is first asked for.
 class Rounds {
   public:
-    explicit Rounds(int pairs) : pairs_(pairs) {}
+    explicit Rounds(int count) : count_(count) {}
 
-    const Round& at(std::size_t number)
+    const Round& at(std::size_t number, bool by_zt)
     {
-        while (played_.size() <= number) played_.push_back(play_round(pairs_));
-        return played_[number];
+        while (by_zt_.size() <= number) {
+            by_hand_.push_back(play<ByHand>(count_));
+            by_zt_.push_back(play<ByZt>(count_));
+        }
+        return by_zt ? by_zt_[number] : by_hand_[number];
     }
 
   private:
-    const int pairs_;
-    std::vector<Round> played_;
+    const int count_;
+    std::vector<Round> by_hand_, by_zt_;
 };
 
 void add_at_once(int count)
 {
-    const int pairs = count / 2;
-    const auto rounds = std::make_shared<Rounds>(pairs);
-    for (const bool opening : {true, false}) {
-        for (const int contestant : {0, 1}) {
+    const auto rounds = std::make_shared<Rounds>(count);
+    for (const bool opening : {true, false})
+        for (const bool by_zt : {false, true}) {
             const auto measure = [=, next = std::size_t{0}](benchmark::State& state) mutable {
                 for (auto _ : state) {
-                    const Round& round = rounds->at(next++);
-                    state.SetIterationTime((opening ? round.opening : round.closing)[contestant] / pairs);
-                    state.counters["KiB a pipe"] = round.bytes / 1024 / pairs;
+                    const Round& round = rounds->at(next++, by_zt);
+                    state.SetIterationTime(opening ? round.opening : round.closing);
+                    state.counters["KiB a pipe"] = round.kib;
                 }
             };
             const std::string row = (opening ? "open one of " : "close one of ") + std::to_string(count);
-            benchmark::RegisterBenchmark((row + (contestant == 0 ? "/fork+exec" : "/zt")).c_str(), measure)
+            benchmark::RegisterBenchmark((row + (by_zt ? "/zt" : "/fork+exec")).c_str(), measure)
                 ->UseManualTime()
-                ->Iterations(4000 / count);
+                ->Iterations(2000 / count);
         }
-    }
 }
 
 }  // namespace

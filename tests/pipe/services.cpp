@@ -143,7 +143,8 @@ std::uint32_t __wrap_zt_signal(void (*handler)(int), const char* name, const cha
 std::uint32_t __wrap_zt_pipe_debug_init(zt::Status* status)
 {
     note("zt_pipe_debug_init");
-    return __real_zt_pipe_debug_init(status);
+    const std::uint32_t failure = failure_of("zt_pipe_debug_init", status);
+    return failure != 0 ? failure : __real_zt_pipe_debug_init(status);
 }
 
 void* __wrap_zt_mem_icalloc(int memory_class, std::size_t count, std::size_t size, int zero, const char* file,

@@ -37,7 +37,8 @@ class Log {
     /// Only the calls that begin with this text.
     Lines calls(const std::string& beginning) const;
 
-    /// zt_file_init, zt_atexit or zt_signal fails with this code instead of doing anything.
+    /// zt_file_init, zt_atexit, zt_signal or zt_pipe_debug_init fails with this code instead of doing
+    /// anything.
     void fail(const std::string& service, std::uint32_t code);
     /// To be looked at when the table's lock is about to be given back.
     std::function<void()> at_unlock;

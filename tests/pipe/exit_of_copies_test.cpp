@@ -167,18 +167,20 @@ TEST_F(ExitOfCopies, DropsAStreamWithoutAnyDescriptorLeftOver)
     EXPECT_EQ(file.content(), "once\n");
 }
 
-TEST_F(ExitOfCopies, GivesBackWhatThePipesTook)
+TEST_F(ExitOfCopies, GivesBackWhatThePipesTookAndNothingElse)
 {
     const long before = zt_heapsize_class(2);
     const int handle = pipes::open("echo text", "COMMAND");
     EXPECT_EQ(pipes::read_all(handle), "text\n");
     const pid_t copy = fork();
     if (copy == 0) {
+        close(STDIN_FILENO);
+        open("/dev/null", O_RDONLY);  // the lowest number
         zt_pipe_cleanup(0);
         int entries = 0;
         zt_ifile_list(
             6, [](const zt_file_entry*, void* count) { ++*static_cast<int*>(count); }, &entries);
-        _exit(zt_heapsize_class(2) == before && entries == 0 ? 0 : 1);
+        _exit(zt_heapsize_class(2) == before && entries == 0 && fcntl(STDIN_FILENO, F_GETFD) >= 0 ? 0 : 1);
     }
     int status = -1;
     EXPECT_EQ(waitpid(copy, &status, 0), copy);

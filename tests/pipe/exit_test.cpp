@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <climits>
 #include <csignal>
+#include <fstream>
 #include <thread>
 
 #include "tests/support/faults.h"
@@ -89,6 +92,24 @@ TEST_F(Exit, ByAFatalSignalSendsOutWhatACommandIsStillOwed)
     process.kill(SIGTERM);
     EXPECT_EQ(process.ended_by(), SIGTERM);
     EXPECT_TRUE(wait_until([&] { return file.content() == "still buffered"; }));
+}
+
+TEST_F(Exit, ByAFatalSignalDoesNotWaitUntilACommandTakesWhatItIsOwed)
+{
+    const TemporaryFile go;
+    unlink(go.path().c_str());
+    ASSERT_EQ(mkfifo(go.path().c_str(), 0600), 0);
+    Child process([&] {
+        orphans::prepare();
+        const int handle = pipes::open("read go <" + go.path(), "COMMAND WRITE");
+        pollfd end{fileno(pipes::block(handle)->fh), POLLOUT, 0};
+        while (poll(&end, 1, 0) > 0) pipes::write(handle, std::string(4096, 'x'));
+        wait_for_the_end();
+    });
+    ASSERT_TRUE(process.has_said("ready "));
+    process.kill(SIGTERM);
+    EXPECT_EQ(process.ended_by(), SIGTERM);
+    std::ofstream(go.path()) << "go\n";
 }
 
 // The flag would be the other's, too, who has a copy of the descriptor.

@@ -14,9 +14,9 @@
 
 namespace zt {
 
-/// Spins, giving the processor away: nobody holds it longer than a few system calls. A waiter whose priority
-/// lets the owner nothing that way soon sleeps a moment each time. Async-signal-safe, constant-initialised,
-/// never destroyed. errno is kept.
+/// Spins, giving the processor away: nobody holds it longer than a few system calls. A waiter soon
+/// sleeps a moment each time instead, since one of a higher priority would keep the processor all the same.
+/// Async-signal-safe, constant-initialised, never destroyed. errno is kept.
 class TransitionLock {
   public:
     /// Waits for the lock and takes it.

@@ -1,9 +1,7 @@
 // What an operation finds when the process has begun to end in another thread while it was at work.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <zt/runtime/exit_handlers.h>
-#include <zt/runtime/memory.h>
 
 #include <atomic>
 #include <csignal>
@@ -43,11 +41,6 @@ void clean_up_and_open(int)
 {
     zt_pipe_cleanup(0);
     handle_of_the_next = pipes::open("no child", "");
-}
-
-void open_late(int)
-{
-    pipes::open_lasting();
 }
 
 std::atomic<bool> exit_is_wanted{false}, exit_has_begun{false}, thread_is_done{false};
@@ -162,46 +155,6 @@ TEST_F(ExitMeanwhileInAProcess, AnOpenEndsItsChildAlsoBeforeTheCleanupHasComeToI
     EXPECT_EQ(orphans::ended_by(orphans::number_after(" pid ", said)), SIGTERM);
 }
 
-TEST_F(ExitMeanwhileInAProcess, TheCleanupTellsOnlyARunningProgramToEndWhosePipeIsBeingWorkedOn)
-{
-    forked::Child process([] {
-        orphans::prepare();
-        const int command = pipes::open("cat", "COMMAND WRITE"), childless = pipes::open("no child", ""),
-                  ended = pipes::open(child("exits_with 3"));
-        pipes::wait_for_a_child_to_end();
-        zt::Status status;
-        zt_pipe_write(ended, "x", 1, &status);
-        if (pipes::block(ended)->wait_status == -1) say("not collected ");
-        const int program = orphans::open_program();
-        for (const int handle : {command, childless, ended, program}) pipes::block(handle)->busy = 1;
-        const faults::Plan only_counting{};
-        zt_pipe_cleanup(0);
-        say("kills ", faults::calls(Function::kill));
-        say(Zt_pipes == nullptr ? "no table " : "a table ");
-    });
-    const std::string said = process.said();
-    EXPECT_NE(said.find(" kills 1 no table "), std::string::npos) << said;
-    EXPECT_EQ(said.find("not collected"), std::string::npos);
-    EXPECT_EQ(orphans::ended_by(orphans::number_after("pid ", said)), SIGTERM);
-}
-
-TEST_F(ExitMeanwhileInAProcess, TheCleanupTellsAProgramToEndThatWasOpenedBehindIt)
-{
-    forked::Child process([] {
-        orphans::prepare();
-        pipes::open("no child", "");
-        pipes::open_lasting();
-        const Meanwhile meanwhile(open_late);
-        const faults::Plan plan{{.function = Function::kill, .raising = SIGUSR1}};
-        zt_pipe_cleanup(0);
-        say("kills ", faults::calls(Function::kill));
-        say("pid ", faults::last_child());
-    });
-    const std::string said = process.said();
-    EXPECT_EQ(said.find("kills 2 pid "), 0U) << said;
-    EXPECT_EQ(orphans::ended_by(orphans::number_after("pid ", said)), SIGTERM);
-}
-
 TEST_F(ExitMeanwhileInAProcess, ASignalsCleanupDoesNotFlushTheStreamThatItHasInterruptedAWriteOf)
 {
     for (const bool busy : {false, true}) {
@@ -225,29 +178,4 @@ TEST_F(ExitMeanwhileInAProcess, ASignalsCleanupPassesOverAStreamWithoutADescript
         raise(SIGTERM);
     });
     EXPECT_EQ(process.ended_by(), SIGTERM);
-}
-
-TEST_F(ExitMeanwhileInAProcess, ACopyDropsItsPipesAlsoWithoutTheNullDevice)
-{
-    forked::Child process([] {
-        Leftovers::settle();
-        const int heap = zt_heapsize(), program = pipes::open("echo text");
-        pipes::read_all(program);
-        const int command = pipes::open("cat >&" + std::to_string(forked::to_parent), "COMMAND WRITE");
-        pipes::write(command, "once ");
-        const faults::Plan plan{{.function = Function::open, .error = ENFILE, .in_child = true}};
-        const pid_t copy = fork();
-        if (copy == 0) {
-            const int table = static_cast<int>(Zt_avail_pipes * sizeof(zt_pipe*));
-            zt_pipe_cleanup(0);
-            _exit(zt_heapsize() + table == heap ? 0 : 1);
-        }
-        int word = -1;
-        waitpid(copy, &word, 0);
-        say(plan.fired() ? "fired " : "not fired ");
-        say("copy ", word);
-        pipes::close(command);
-        pipes::close(program);
-    });
-    EXPECT_EQ(process.said(), "fired copy 0 once ");
 }

@@ -4,9 +4,11 @@
 #include <zt/runtime/memory.h>
 
 #include <cstring>
+#include <utility>
 
 #include "tests/support/faults.h"
 #include "tests/support/leftovers.h"
+#include "tests/support/parent_size.h"
 #include "tests/support/pipes.h"
 #include "tests/support/tracefile.h"
 
@@ -105,8 +107,10 @@ TEST_F(OpenFailures, KeepTheFirstFailureWhenUndoingFailsToo)
 
 TEST_F(OpenFailures, ByAnInterruptEndTheChildThatHadBeenStarted)
 {
+    const long usual = std::exchange(Zt_pipe_large_parent, never_large);
     Plan plan{{.function = Function::pipe, .raising = SIGINT}};
     EXPECT_EQ(pipes::refused(child("never_reads").c_str(), "PROGRAM"), interrupted);
+    Zt_pipe_large_parent = usual;
     EXPECT_EQ(faults::calls(Function::fork), 1);
     EXPECT_EQ(faults::calls(Function::kill), 1);
 }

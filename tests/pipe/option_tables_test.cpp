@@ -120,8 +120,9 @@ TEST_F(OptionTables, AreMadeAfreshForEveryCall)
 {
     pipes::close(pipes::open("no child", "first"));
     const std::vector<Keyword> first = keywords();
-    services::process_options = [this](char*, zt_option* table, int count, zt_option_error*) {
+    services::process_options = [this](char*, zt_option* table, int count, zt_option_error* error) {
         entries_.assign(table, table + count);
+        *error = {4711, "refused"};
         std::memset(static_cast<void*>(table), 0x7f, static_cast<std::size_t>(count) * sizeof *table);
         return -1;
     };

@@ -78,13 +78,14 @@ std::string target(int fd)
 
 // The four descriptors of a launch, and which of them are open when the next one is about to be closed.
 int launched[4];
-std::vector<std::string> open_before_close;
+char open_before_close[4][5];
+int closes_seen = 0;
 
 void look_what_is_open(int)
 {
-    std::string open;
-    for (const int fd : launched) open += fcntl(fd, F_GETFD) >= 0 ? 'o' : '-';
-    open_before_close.push_back(open);
+    if (closes_seen == 4) return;
+    char* open = open_before_close[closes_seen++];
+    for (const int fd : launched) *open++ = fcntl(fd, F_GETFD) >= 0 ? 'o' : '-';
 }
 
 }  // namespace
@@ -255,7 +256,8 @@ TEST_F(LaunchExec, ClosesBothPipesAfterAFailedForkInTheOrderInWhichTheyWereMade)
     };
     EXPECT_EQ(launch("sort -r"), ZT_PIPE_E_FORK);
     signal(SIGUSR1, SIG_DFL);
-    EXPECT_EQ(open_before_close, (std::vector<std::string>{"oooo", "-ooo", "--oo", "---o"}));
+    EXPECT_EQ((std::vector<std::string>(open_before_close, open_before_close + 4)),
+              (std::vector<std::string>{"oooo", "-ooo", "--oo", "---o"}));
 }
 
 TEST_F(LaunchExec, ReportsTheChildsEndThatCannotBeClosedAlthoughTheChildRuns)

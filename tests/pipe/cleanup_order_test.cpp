@@ -258,6 +258,7 @@ void open_one_more(int)
 
 TEST_F(CleanupOfBusyPipes, TellsAProgramToEndThatWasOpenedWhereTheCleanupHadPassed)
 {
+    if (forked::handlers_come_late) GTEST_SKIP() << "a program started in a handler has all signals blocked";
     pipes::open("no child", "");
     pipes::open("true", "COMMAND");
     signal(SIGUSR1, open_one_more);

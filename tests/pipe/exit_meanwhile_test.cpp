@@ -67,14 +67,17 @@ void poll_and_read(int handle)
 
 class ExitMeanwhile : public NothingLeftTest {
   protected:
-    // The table is gone then, and a new one is there: neither is the pipe's.
+    // The table is gone then, or a new one is there: neither is the pipe's. Its child is left to be collected
+    // by the process's end.
     static void close_while(void (*happens)(int), int handle)
     {
+        const pid_t pid = pipes::block(handle)->pid;
         const Meanwhile meanwhile(happens);
         const faults::Plan plan{{.function = Function::kill, .raising = SIGUSR1}};
         EXPECT_EQ(pipes::close(handle), ZT_PIPE_S_ABNORMAL);
         EXPECT_TRUE(plan.fired());
         EXPECT_EQ(faults::calls(Function::kill), 2) << "by the close and by the cleanup";
+        EXPECT_EQ(orphans::ended_by(pid), SIGTERM);
     }
 };
 

@@ -19,9 +19,15 @@ namespace {
 
 Log* current = nullptr;
 
-void note(const std::string& call)
+// Where nobody listens nothing is allocated: a call may come from a signal handler.
+void note(const char* call)
 {
     if (current != nullptr) current->note(call);
+}
+
+void note(const std::string& call)
+{
+    note(call.c_str());
 }
 
 std::uint32_t failure_of(const char* service, zt::Status* status)
@@ -32,9 +38,9 @@ std::uint32_t failure_of(const char* service, zt::Status* status)
     return code;
 }
 
-bool is_modules(const char* file)
+bool is_to_be_noted(const char* file)
 {
-    return file != nullptr && strcmp(file, "ztpipe") == 0;
+    return current != nullptr && file != nullptr && strcmp(file, "ztpipe") == 0;
 }
 
 std::string list(std::initializer_list<std::size_t> numbers, const char* file, int line)
@@ -89,7 +95,7 @@ std::uint32_t Log::failure_of(const std::string& service) const
 }  // namespace services
 
 using services::failure_of;
-using services::is_modules;
+using services::is_to_be_noted;
 using services::list;
 using services::note;
 
@@ -150,7 +156,7 @@ std::uint32_t __wrap_zt_pipe_debug_init(zt::Status* status)
 void* __wrap_zt_mem_icalloc(int memory_class, std::size_t count, std::size_t size, int zero, const char* file,
                             int line)
 {
-    if (is_modules(file))
+    if (is_to_be_noted(file))
         note("zt_mem_icalloc" + list({static_cast<std::size_t>(memory_class), count, size}, file, line));
     return __real_zt_mem_icalloc(memory_class, count, size, zero, file, line);
 }
@@ -158,7 +164,7 @@ void* __wrap_zt_mem_icalloc(int memory_class, std::size_t count, std::size_t siz
 void* __wrap_zt_mem_irecalloc(int memory_class, void* old, std::size_t count, std::size_t size,
                               std::size_t old_count, int zero, const char* file, int line)
 {
-    if (is_modules(file))
+    if (is_to_be_noted(file))
         note("zt_mem_irecalloc" +
              list({static_cast<std::size_t>(memory_class), count, size, old_count}, file, line));
     return __real_zt_mem_irecalloc(memory_class, old, count, size, old_count, zero, file, line);
@@ -166,7 +172,8 @@ void* __wrap_zt_mem_irecalloc(int memory_class, void* old, std::size_t count, st
 
 void __wrap_zt_mem_ifree(int memory_class, void* block, const char* file, int line)
 {
-    if (is_modules(file)) note("zt_mem_ifree" + list({static_cast<std::size_t>(memory_class)}, file, line));
+    if (is_to_be_noted(file))
+        note("zt_mem_ifree" + list({static_cast<std::size_t>(memory_class)}, file, line));
     __real_zt_mem_ifree(memory_class, block, file, line);
 }
 
@@ -190,7 +197,7 @@ char* __wrap_zt_hostname_r(char* buffer, std::size_t size)
 
 int __wrap_zt_ipipe_close(int handle, const char* options, zt::Status* status, const char* file, int line)
 {
-    if (is_modules(file)) note("zt_ipipe_close" + list({static_cast<std::size_t>(handle)}, file, line));
+    if (is_to_be_noted(file)) note("zt_ipipe_close" + list({static_cast<std::size_t>(handle)}, file, line));
     return __real_zt_ipipe_close(handle, options, status, file, line);
 }
 

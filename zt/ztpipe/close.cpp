@@ -69,9 +69,6 @@ void classify(const zt_pipe& pipe, zt::Status& status)
     if (zt_exit_status(pipe.wait_status, &status) != 0) name_program(status, pipe);
 }
 
-// ------------------------------------------------------------------------------------------------ COMMAND
-// pipes
-
 // A stream's address as text: after pclose the pointer itself may not be looked at any more.
 struct Address {
     explicit Address(const void* pointer) { std::snprintf(text, sizeof text, "%p", pointer); }
@@ -107,9 +104,6 @@ void close_command(Operation& op, zt_pipe& pipe)
     classify(pipe, op.status);
     if (op.status.code == ZT_PIPE_S_NORMAL) ZT_CLEAR_STATUS(&op.status);
 }
-
-// ------------------------------------------------------------------------------------------------ PROGRAM
-// pipes
 
 // A descriptor numbered 0 counts as absent.
 void close_descriptor(Operation& op, Site site, const zt_pipe& pipe, int fd)
@@ -153,8 +147,8 @@ void end_child(Operation& op, zt_pipe& pipe, const CloseOptions& options)
     if (pipe.wait_status != -1) {
         classify(pipe, working);
     } else {
-        zt_pipe_status(handle, false,
-                       &working);  // no grace period: who wants one reads to the end or uses NOKILL
+        // No grace period: who wants one reads to the end or uses NOKILL.
+        zt_pipe_status(handle, false, &working);
         if (pipe.wait_status == -1 && !options.no_kill)
             kill_child(op, pipe, options, working);
         else if (!options.no_wait)
@@ -169,8 +163,6 @@ void close_program(Operation& op, zt_pipe& pipe, const CloseOptions& options)
     close_descriptor(op, at::close_write_end, pipe, pipe.write_fd);
     if (pipe.pid > 0) end_child(op, pipe, options);
 }
-
-// -------------------------------------------------------------------------------------------------------------
 
 // The registry's key is the block's address. Another thread may be given the same address once the block is
 // freed; the registry removes the oldest entry of two. So a pipe that has no entry removes none: it would be

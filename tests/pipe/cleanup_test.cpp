@@ -138,7 +138,7 @@ TEST_F(Cleanup, AtNormalTerminationWaitsForCommandsAndTellsProgramsToEnd)
 
 TEST_F(Cleanup, ClosesCommandsWithoutOptionsAndOthersWithNowait)
 {
-    const pid_t pid = pipes::block(pipes::open("cat"))->pid;
+    const pid_t pid = pipes::block(pipes::open_lasting())->pid;
     pipes::open("true", "COMMAND");
     pipes::open("no child", "");
     const TraceFile trace;
@@ -154,7 +154,7 @@ TEST_F(Cleanup, ClosesCommandsWithoutOptionsAndOthersWithNowait)
 
 TEST_F(Cleanup, TakesANegativeNumberForNormalTermination)
 {
-    const pid_t pid = pipes::block(pipes::open("cat"))->pid;
+    const pid_t pid = pipes::block(pipes::open_lasting())->pid;
     const TraceFile trace;
     {
         const Flag flag{Category::global, ZT_PIPE_DEBUG_FLAG};
@@ -201,7 +201,7 @@ TEST_F(Cleanup, SaysThatThereIsNoTableWhereThatWasLost)
 
 TEST_F(Cleanup, ClosesEverythingForASignalThatIsSafe)
 {
-    const pid_t pid = pipes::block(pipes::open("cat"))->pid;
+    const pid_t pid = pipes::block(pipes::open_lasting())->pid;
     const TraceFile trace;
     {
         const Flag flag{Category::global, ZT_PIPE_DEBUG_FLAG};
@@ -233,7 +233,7 @@ TEST_F(Cleanup, LeavesEverythingOpenForASignalThatIsNotSafe)
 
 TEST_F(Cleanup, IgnoresWhatTheClosesReport)
 {
-    const pid_t pid = pipes::block(pipes::open("cat"))->pid;
+    const pid_t pid = pipes::block(pipes::open_lasting())->pid;
     pipes::open("exit 3", "COMMAND");
     {
         const faults::Plan plan{{.function = Function::kill, .error = EPERM},
@@ -241,5 +241,6 @@ TEST_F(Cleanup, IgnoresWhatTheClosesReport)
         zt_pipe_cleanup(0);
     }
     EXPECT_EQ(Zt_avail_pipes, 0);
+    kill(pid, SIGKILL);
     collect(pid);
 }

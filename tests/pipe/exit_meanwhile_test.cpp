@@ -1,9 +1,11 @@
 // What an operation finds when the process has begun to end in another thread while it was at work.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <zt/runtime/exit_handlers.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <thread>
 
@@ -181,4 +183,22 @@ TEST_F(ExitMeanwhileInAProcess, ASignalsCleanupPassesOverAStreamWithoutADescript
         raise(SIGTERM);
     });
     EXPECT_EQ(process.ended_by(), SIGTERM);
+}
+
+TEST_F(ExitMeanwhileInAProcess, ACopyDropsItsStreamAlsoWhereTheNullDeviceCannotBeOpened)
+{
+    forked::Child process([] {
+        const int command = pipes::open("cat >&" + std::to_string(forked::to_parent), "COMMAND WRITE");
+        pipes::write(command, "once ");
+        const faults::Plan plan{{.function = Function::open, .error = ENFILE, .in_child = true}};
+        const pid_t copy = fork();
+        if (copy == 0) {
+            zt_pipe_cleanup(0);
+            _exit(0);
+        }
+        waitpid(copy, nullptr, 0);
+        say(plan.fired() ? "fired " : "not fired ");
+        pipes::close(command);
+    });
+    EXPECT_EQ(process.said(), "fired once ");
 }

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <utility>
 
 #include "tests/support/faults.h"
 #include "tests/support/forked_child.h"
@@ -44,10 +46,12 @@ class SpawnPlan : public NothingLeftTest {
         return said;
     }
 
-    static int forks_of_a_launch(const char* options = "PROGRAM STDERR=COMBINE")
+    static int forks_of_true(const char* const* envp = nullptr)
     {
-        int forks;
-        descriptors_of_a_child(options, forks);
+        const faults::Plan only_counting{};
+        const int handle = pipes::open("true", "PROGRAM", nullptr, envp);
+        const int forks = faults::calls(Function::fork);
+        EXPECT_EQ(pipes::close(handle, "NOKILL"), 0U) << "also the system's own path has the program";
         return forks;
     }
 
@@ -134,16 +138,11 @@ TEST_F(SpawnPlan, IsNotMadeForAStandardStreamThatHasAnotherDescriptor)
     for (std::FILE** const stream : {&stdin, &stdout, &stderr}) {
         std::FILE* const usual = *stream;
         *stream = fdopen(fcntl(fileno(usual), F_DUPFD, 20), stream == &stdin ? "r" : "w");
-        const int handle = pipes::open("true", "PROGRAM");
-        const faults::Plan only_counting{};
-        const int another = pipes::open("true", "PROGRAM");
-        EXPECT_EQ(faults::calls(Function::fork), 1);
-        pipes::close(handle, "NOKILL");
-        pipes::close(another, "NOKILL");
+        EXPECT_EQ(forks_of_true(), 1);
         fclose(*stream);
         *stream = usual;
     }
-    EXPECT_EQ(forks_of_a_launch(), 0);
+    EXPECT_EQ(forks_of_true(), 0);
 }
 
 TEST_F(SpawnPlan, IsNotMadeWhereTheProcessesSizeCannotBeRead)
@@ -171,13 +170,24 @@ TEST_F(SpawnPlan, IsNotMadeWhereTheProcessesSizeCannotBeRead)
 
 TEST_F(SpawnPlan, IsNotMadeWithoutASearchPath)
 {
+    const char* const nothing_to_search[] = {"NAME=value", nullptr};
+    EXPECT_EQ(forks_of_true(nothing_to_search), 1);
     const std::string path = getenv("PATH");
     unsetenv("PATH");
-    const faults::Plan only_counting{};
-    const int handle = pipes::open("true", "PROGRAM");
-    EXPECT_EQ(faults::calls(Function::fork), 1);
+    EXPECT_EQ(forks_of_true(), 1);
+    char** const own = std::exchange(environ, nullptr);
+    EXPECT_EQ(forks_of_true(), 1);
+    environ = own;
     setenv("PATH", path.c_str(), 1);
-    EXPECT_EQ(pipes::close(handle, "NOKILL"), 0U) << "the system's own path has the program";
+    EXPECT_EQ(forks_of_true(), 0);
+}
+
+TEST_F(SpawnPlan, PassesOverAFolderWhoseFilesHaveNamesThatAreTooLong)
+{
+    const std::string path = getenv("PATH");
+    setenv("PATH", ("/" + std::string(PATH_MAX, 'x') + ":" + path).c_str(), 1);
+    EXPECT_EQ(forks_of_true(), 0);
+    setenv("PATH", path.c_str(), 1);
 }
 
 // What is closed for standard error gives its number to the device, unless the stream has another one.

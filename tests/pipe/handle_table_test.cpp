@@ -19,6 +19,8 @@ using faults::Plan;
 
 namespace {
 
+const int used_before_anything = Zt_used_pipes;
+
 /// Each test begins and ends with a table of 16 slots without a pipe.
 class HandleTable : public NothingLeftTest {
   protected:
@@ -51,6 +53,11 @@ class HandleTable : public NothingLeftTest {
 };
 
 }  // namespace
+
+TEST(HandleTableOfAnApplication, CountsTheSlotThatIsNeverUsedFromItsStartOn)
+{
+    EXPECT_EQ(used_before_anything, 1);
+}
 
 TEST_F(HandleTable, HandlesCountFromOneAndAreTheSlotsOfTheirBlocks)
 {
@@ -234,6 +241,19 @@ TEST_F(HandleTable, ThreadsThatOpenAtTheSameTimeGetDifferentHandles)
     EXPECT_EQ(all.size(), static_cast<std::size_t>(threads * each));
     EXPECT_EQ(*all.rbegin(), threads * each) << "no slot was left out";
     handles.assign(all.begin(), all.end());
+}
+
+TEST_F(HandleTable, APipeIsBusyDuringItsOperationsOnly)
+{
+    open(1);
+    const zt_pipe& pipe = *Zt_pipes[1];
+    EXPECT_EQ(pipe.busy, 0);
+    zt_pipe_write(1, nullptr, 1, &status);
+    EXPECT_EQ(pipe.busy, 0) << "after a write that failed before it began";
+    zt_pipe_read(1, nullptr, 1, nullptr, &status);
+    EXPECT_EQ(pipe.busy, 0) << "after a read that failed before it began";
+    zt_ipipe_close(1, nullptr, &status, __FILE__, __LINE__);
+    EXPECT_EQ(pipe.busy, 0) << "after a close that failed before it began";
 }
 
 TEST_F(HandleTable, TheCurrentPipeIsSetDuringOpenAndCloseAndNullBetweenThem)

@@ -2,6 +2,8 @@
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zt/runtime/exit_handlers.h>
+#include <zt/runtime/memory.h>
 
 #include <atomic>
 #include <climits>
@@ -42,6 +44,13 @@ void say_mine(int)
     say("mine ");
 }
 
+int heap_at_the_signal;
+
+void say_what_was_freed(int)
+{
+    say("freed ", heap_at_the_signal - zt_heapsize());
+}
+
 [[noreturn]] void wait_for_the_end()
 {
     say("ready ");
@@ -78,6 +87,22 @@ TEST_F(Exit, ByAFatalSignalTellsProgramsToEndAndEndsByThatVerySignal)
         EXPECT_EQ(process.ended_by(), signo);
         EXPECT_EQ(orphans::ended_by(number_after("pid ", process.said())), SIGTERM);
     }
+}
+
+// The signal may have interrupted the allocator. The function stands before the cleanup, so it runs after it.
+TEST_F(Exit, ByAFatalSignalFreesNothing)
+{
+    Child process([] {
+        orphans::prepare();
+        zt::Status status;
+        zt_atexit(say_what_was_freed, "say_what_was_freed", "test", "", &status);
+        char* text = nullptr;
+        zt_pipe_read_unlimited(pipes::open("echo text", "PROGRAM"), &text, 0, nullptr, &status);
+        heap_at_the_signal = zt_heapsize();
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(process.ended_by(), SIGTERM);
+    EXPECT_EQ(process.said(), "freed 0 ");
 }
 
 TEST_F(Exit, ByAFatalSignalSendsOutWhatACommandIsStillOwed)

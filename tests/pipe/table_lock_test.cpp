@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 
@@ -158,4 +159,20 @@ TEST_F(AllocationPlaces, OfAnUndoneOpenTellWhetherThereWasAHandle)
     }
     Zt_pipes = table;
     Zt_used_pipes = 1;
+}
+
+TEST_F(AllocationPlaces, OfACloseAreItsOwnAndTheBlockIsFreedUnderTheLock)
+{
+    const int handle = pipes::open("echo text", "PROGRAM");
+    char* text = nullptr;
+    ASSERT_EQ(zt_pipe_read_unlimited(handle, &text, 0, nullptr, &status), 5);
+    Log log;
+    pipes::close(handle);
+    EXPECT_EQ(log.calls("zt_mem_ifree"),
+              (Lines{"zt_mem_ifree(2, ztpipe, 3679)", "zt_mem_ifree(2, ztpipe, 3684)"}));
+    const Lines& calls = log.calls();
+    const auto block = std::find(calls.begin(), calls.end(), "zt_mem_ifree(2, ztpipe, 3684)");
+    ASSERT_GT(calls.end() - block, 1);
+    EXPECT_EQ(*(block - 1), "lock");
+    EXPECT_EQ(*(block + 1), "unlock");
 }

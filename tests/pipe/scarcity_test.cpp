@@ -1,6 +1,5 @@
 // Too little of something: a clean code, nothing lost, and everything works again afterwards.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include "tests/support/faults.h"
 #include "tests/support/forked_child.h"
 #include "tests/support/leftovers.h"
+#include "tests/support/limit.h"
 #include "tests/support/tracefile.h"
 #include "tests/support/transfers.h"
 
@@ -23,23 +23,6 @@ using pipes::at;
 namespace {
 
 class Scarcity : public NothingLeftTest {};
-
-class Limit {
-  public:
-    Limit(__rlimit_resource resource, rlim_t value) : resource_(resource)
-    {
-        getrlimit(resource, &before_);
-        const rlimit lower{value, before_.rlim_max};
-        setrlimit(resource, &lower);
-    }
-    ~Limit() { setrlimit(resource_, &before_); }
-    Limit(const Limit&) = delete;
-    Limit& operator=(const Limit&) = delete;
-
-  private:
-    const __rlimit_resource resource_;
-    rlimit before_;
-};
 
 int lowest_free_descriptor()
 {
@@ -70,12 +53,6 @@ rlim_t addresses_in_use()
     std::ifstream("/proc/self/statm") >> pages;
     return pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
 }
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool addresses_can_be_limited = false;  // a sanitizer reserves terabytes of them
-#else
-constexpr bool addresses_can_be_limited = true;
-#endif
 
 }  // namespace
 

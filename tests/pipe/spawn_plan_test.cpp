@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +12,7 @@
 #include "tests/support/faults.h"
 #include "tests/support/forked_child.h"
 #include "tests/support/leftovers.h"
+#include "tests/support/limit.h"
 #include "tests/support/parent_size.h"
 #include "tests/support/pipes.h"
 
@@ -154,12 +154,11 @@ TEST_F(SpawnPlan, IsNotMadeWhereTheProcessesSizeCannotBeRead)
         int free[4];
         for (int& fd : free) fd = dup(0);
         for (const int fd : free) ::close(fd);
-        rlimit limit;
-        getrlimit(RLIMIT_NOFILE, &limit);
-        const rlimit room_for_two_pipes{static_cast<rlim_t>(free[3]) + 1, limit.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &room_for_two_pipes);
-        const int handle = pipes::open("true", "PROGRAM");
-        setrlimit(RLIMIT_NOFILE, &limit);
+        int handle;
+        {
+            const Limit room_for_two_pipes{RLIMIT_NOFILE, static_cast<rlim_t>(free[3]) + 1};
+            handle = pipes::open("true", "PROGRAM");
+        }
         say("forks ", faults::calls(Function::fork));
         pipes::close(handle, "NOKILL");
         pipes::close(pipes::open("true", "PROGRAM"), "NOKILL");

@@ -1,14 +1,13 @@
 // Too few descriptors, too little memory, no processes, closed standard streams: a clean code each time,
 // nothing lost, and everything works again as soon as there is enough.
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 #include <zt/runtime/memory.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
+#include "tests/support/limit.h"
 #include "tests/torture/process.h"
 #include "tests/torture/work.h"
 
@@ -17,29 +16,6 @@ namespace {
 
 constexpr Seconds limit_beyond_the_time = 120;
 constexpr const char* kinds[] = {"PROGRAM", "COMMAND", "COMMAND WRITE", "PROGRAM STDERR=DISCARD"};
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool memory_can_be_limited = false;  // a sanitizer reserves terabytes of addresses
-#else
-constexpr bool memory_can_be_limited = true;
-#endif
-
-class Limit {
-  public:
-    Limit(__rlimit_resource resource, rlim_t value) : resource_(resource)
-    {
-        getrlimit(resource, &before_);
-        const rlimit lower{std::min(value, before_.rlim_max), before_.rlim_max};
-        setrlimit(resource, &lower);
-    }
-    ~Limit() { setrlimit(resource_, &before_); }
-    Limit(const Limit&) = delete;
-    Limit& operator=(const Limit&) = delete;
-
-  private:
-    const __rlimit_resource resource_;
-    rlimit before_;
-};
 
 void works(Report& report, const char* after)
 {
@@ -178,7 +154,7 @@ void torture_scarcity(const Settings& settings, Report& report)
     const Settings half{settings.seed, settings.count, settings.seconds / 2 + 1};
     const double limit = half.seconds + limit_beyond_the_time;
     run_apart(report, "few descriptors", limit, [&] { few_descriptors(half, report); });
-    if (memory_can_be_limited)
+    if (addresses_can_be_limited)
         run_apart(report, "little memory", limit, [&] { little_memory(half, report); });
     run_apart(report, "no processes", limit, [&] { no_processes(report); });
     for (int closed = 0; closed < 8; ++closed)

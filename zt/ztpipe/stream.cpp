@@ -9,8 +9,8 @@
 namespace zt::pipe {
 namespace {
 
-// Takes the first bytes out of what waits to be written. Streams have no operation for that;
-// these are the fields with which the C library's own inline putc works.
+// Takes the first bytes out of what waits to be written. Streams have no operation for that; these are the
+// fields with which the C library's own inline putc works.
 void take_out(std::FILE* stream, std::size_t count)
 {
     char* const first = stream->_IO_write_base;
